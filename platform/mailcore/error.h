@@ -1,0 +1,39 @@
+// The core's exception type and the error codes that it throws.
+#pragma once
+
+#include <cstdint>
+#include <stdexcept>
+
+#include "platform/export.h"
+
+namespace ornic {
+
+// Thrown by value by the mail core (and by plug-in code) to report a failure
+// that the client sees as an error code. The entry functions catch it by
+// reference and copy `ErrorCode()` into the answer unchanged.
+class ZEVO_PLATFORM_API Error : private std::runtime_error {
+ public:
+  explicit Error(int32_t code);
+  Error(const Error&) = default;
+  Error& operator=(const Error&) = default;
+  ~Error() override;  // out of line: the type information lives in one library
+
+  int32_t ErrorCode() const noexcept { return code_; }
+  using std::runtime_error::what;
+
+ private:
+  int32_t code_;
+};
+
+// Codes thrown by the mail core itself. Codes below 500 belong to the web API
+// framework and the plug-in; the core never throws those.
+enum CoreErrorCode : int32_t {
+  kErrorNoSuchUser = 501,       // the uid or name is not a user of this system
+  kErrorDatabase = 502,         // the user's store cannot be opened or is damaged
+  kErrorStorage = 503,          // a file below the data root cannot be read or written
+  kErrorConfiguration = 504,    // the appliance's configuration cannot be read
+  kErrorNotFound = 505,         // the record asked for does not exist
+  kErrorInvalidArgument = 506,  // the core refused a value it was handed
+};
+
+}  // namespace ornic

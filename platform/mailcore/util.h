@@ -1,0 +1,31 @@
+// Small helpers of the core that the web API shares.
+#pragma once
+
+#include <json/value.h>
+
+#include <string>
+#include <vector>
+
+#include "platform/export.h"
+
+namespace ornic::util {
+
+// The elements of a JSON array that are of type T, in order; elements of
+// another type (and every element of a value that is not an array) are left
+// out. For int, only JSON integers within the 32-bit range count.
+template <typename T>
+ZEVO_PLATFORM_API std::vector<T> JsonArrayToVector(const Json::Value& array);
+
+template <typename T>
+ZEVO_PLATFORM_API Json::Value VectorToJsonArray(const std::vector<T>& values);
+
+extern template std::vector<int> JsonArrayToVector<int>(const Json::Value&);
+extern template std::vector<std::string> JsonArrayToVector<std::string>(const Json::Value&);
+extern template Json::Value VectorToJsonArray<int>(const std::vector<int>&);
+extern template Json::Value VectorToJsonArray<std::string>(const std::vector<std::string>&);
+
+// What follows the last `separator` in `text`; all of `text` when it holds
+// none.
+ZEVO_PLATFORM_API std::string GetSubstrAfterLast(const std::string& text, char separator);
+
+}  // namespace ornic::util
