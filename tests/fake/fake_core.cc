@@ -1,0 +1,231 @@
+#include "tests/fake/fake_core.h"
+
+#include <sys/stat.h>
+
+#include <cstring>
+#include <string>
+
+#include "platform/mailcore/controller.h"
+#include "platform/mailcore/db_setup.h"
+#include "platform/mailcore/error.h"
+#include "platform/mailcore/mail_server.h"
+#include "platform/mailcore/sync.h"
+#include "platform/mailcore/zevo_user.h"
+#include "platform/zevo/notify.h"
+#include "platform/zevo/session.h"
+#include "platform/zevo/webapi.h"
+
+namespace larkpost::fake {
+
+Core& core() {
+  static Core instance;
+  return instance;
+}
+
+void Reset() { core() = Core(); }
+
+void AddUser(uint32_t uid, const std::string& name, bool is_admin) {
+  core().users[uid] = FakeUser{name, is_admin};
+}
+
+bool Call(const std::string& op, const std::string& args) {
+  core().calls.push_back(args.empty() ? op : op + " " + args);
+  auto failure = core().failures.find(op);
+  if (failure == core().failures.end()) return true;
+  if (failure->second > 0) throw ornic::Error(failure->second);
+  return false;
+}
+
+std::vector<std::string> CallsStartingWith(const std::string& prefix) {
+  std::vector<std::string> found;
+  for (const std::string& call : core().calls) {
+    if (call.compare(0, prefix.size(), prefix) == 0) found.push_back(call);
+  }
+  return found;
+}
+
+}  // namespace larkpost::fake
+
+using larkpost::fake::Call;
+using larkpost::fake::core;
+
+// ------------------------------------------------------------------ sdk::ZevoUser
+
+namespace ornic::sdk {
+
+ZevoUser::ZevoUser(uint32_t uid) : uid_(ZEVO::kUnknownUID), domain_("localdomain") {
+  auto user = core().users.find(uid);
+  if (user == core().users.end()) return;
+  uid_ = uid;
+  name_ = user->second.name;
+  is_admin_ = user->second.is_admin;
+  valid_ = true;
+}
+
+ZevoUser::ZevoUser(const std::string& name) : uid_(ZEVO::kUnknownUID), domain_("localdomain") {
+  Call("ZevoUser", name);
+  for (const auto& [uid, user] : core().users) {
+    if (user.name != name) continue;
+    uid_ = uid;
+    name_ = name;
+    is_admin_ = user.is_admin;
+    valid_ = true;
+  }
+}
+
+bool ZevoUser::IsValid() const { return valid_; }
+uint32_t ZevoUser::uid() const { return uid_; }
+const std::string& ZevoUser::name() const { return name_; }
+const std::string& ZevoUser::domain() const { return domain_; }
+bool ZevoUser::is_admin() const { return is_admin_; }
+std::string ZevoUser::home() const { return core().app_root + "/homes/" + name_; }
+
+std::string ZevoUser::PrepareUserLarkpostDir(const std::string& name) const {
+  Call("ZevoUser::PrepareUserLarkpostDir", name);
+  std::string path = core().app_root + "/" + std::to_string(uid_);
+  mkdir(path.c_str(), 0700);
+  size_t start = 0;
+  while (start < name.size()) {
+    size_t end = name.find('/', start);
+    if (end == std::string::npos) end = name.size();
+    if (end > start) {
+      path += "/" + name.substr(start, end - start);
+      mkdir(path.c_str(), 0700);
+    }
+    start = end + 1;
+  }
+  return path;
+}
+
+}  // namespace ornic::sdk
+
+// ---------------------------------------------------------------- control::Controller
+
+namespace ornic::larkpost::control {
+
+struct Controller::Impl {
+  std::string session_id;
+  sdk::ZevoUser user;
+};
+
+Controller::Controller(uint32_t uid, std::string session_id) {
+  Call("Controller", std::to_string(uid) + " " + session_id);
+  sdk::ZevoUser user(uid);
+  if (!user.IsValid()) throw ornic::Error(kErrorNoSuchUser);
+  impl_.reset(new Impl{std::move(session_id), user});
+}
+
+Controller::Controller(uint32_t uid) {
+  Call("Controller", std::to_string(uid));
+  sdk::ZevoUser user(uid);
+  if (!user.IsValid()) throw ornic::Error(kErrorNoSuchUser);
+  impl_.reset(new Impl{"", user});
+}
+
+Controller::~Controller() = default;
+uint32_t Controller::uid() const { return impl_->user.uid(); }
+const std::string& Controller::session_id() const { return impl_->session_id; }
+const sdk::ZevoUser& Controller::zevo_user() const { return impl_->user; }
+Controller::Impl& Controller::impl() const { return *impl_; }
+
+// ------------------------------------------------------------- syncers and upkeep
+
+Syncer::Syncer(Controller& controller) : controller_(controller) {}
+
+void Syncer::TriggerSync(constant::SyncType type) {
+  Call("Syncer::TriggerSync", std::to_string(static_cast<int>(type)));
+}
+
+void MailboxSyncer::CheckDefaultMailbox(Controller& controller) {
+  Call("MailboxSyncer::CheckDefaultMailbox", std::to_string(controller.uid()));
+}
+
+UpdateControl::UpdateControl(Controller& controller) : controller_(controller) {}
+
+bool UpdateControl::UpdateAllMailbox(bool notify) {
+  return Call("UpdateControl::UpdateAllMailbox",
+              std::to_string(controller_.uid()) + (notify ? " true" : " false"));
+}
+
+}  // namespace ornic::larkpost::control
+
+// ------------------------------------------------------------------------ db setup
+
+namespace ornic::larkpost::db {
+
+DBSetupHandler::DBSetupHandler(uint32_t uid) : uid_(uid) {}
+
+bool DBSetupHandler::DoesDBExist() const {
+  Call("DBSetupHandler::DoesDBExist", std::to_string(uid_));
+  return core().databases.count(uid_) > 0;
+}
+
+bool DBSetupHandler::SetupDB() const {
+  if (!Call("DBSetupHandler::SetupDB", std::to_string(uid_))) return false;
+  core().databases.insert(uid_);
+  return true;
+}
+
+}  // namespace ornic::larkpost::db
+
+// ------------------------------------------------------------------- mail server
+
+namespace ornic::larkpost {
+
+std::string GetMailServerKey(const std::string& key) {
+  Call("GetMailServerKey", key);
+  auto value = core().mail_server.find(key);
+  return value == core().mail_server.end() ? "" : value->second;
+}
+
+}  // namespace ornic::larkpost
+
+// ------------------------------------------------------------- platform services
+
+struct ZevoCgiContext {
+  int timeout;
+};
+
+extern "C" {
+
+int ZEVOLarkpostNotifyMailboxUpdate(uint32_t uid) {
+  return Call("ZEVOLarkpostNotifyMailboxUpdate", std::to_string(uid)) ? 0 : -1;
+}
+
+int ZEVOLarkpostNotifyMailboxDelayUpdate(uint32_t uid, int delay) {
+  return Call("ZEVOLarkpostNotifyMailboxDelayUpdate",
+              std::to_string(uid) + " " + std::to_string(delay))
+             ? 0
+             : -1;
+}
+
+ZEVO_CGI_CTX* ZevoCgiInitEx(int timeout, int mode, const char* session_file, const char* extra) {
+  if (!Call("ZevoCgiInitEx", std::to_string(timeout) + " " + std::to_string(mode) + " " +
+                                 session_file + " '" + extra + "'")) {
+    return nullptr;
+  }
+  return new ZevoCgiContext{timeout};
+}
+
+int ZevoCgiIsAuthorizedEx(ZEVO_CGI_CTX* /*ctx*/, const char* session_id, char* user,
+                          size_t user_size, uint32_t* flags, int reserved) {
+  bool ok = Call("ZevoCgiIsAuthorizedEx", std::string(session_id) + " " +
+                                              std::to_string(user_size) + " " +
+                                              std::to_string(flags[0]) + "," +
+                                              std::to_string(flags[1]) + " " +
+                                              std::to_string(reserved));
+  auto session = core().sessions.find(session_id);
+  if (!ok || session == core().sessions.end()) return -1;
+  std::strncpy(user, session->second.c_str(), user_size - 1);
+  user[user_size - 1] = '\0';
+  return 0;
+}
+
+void ZevoCgiFree(ZEVO_CGI_CTX* ctx) {
+  Call("ZevoCgiFree");
+  delete ctx;
+}
+
+int VESLCConfGetVexTimeout(void) { return core().vex_timeout; }
+
+}  // extern "C"

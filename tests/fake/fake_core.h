@@ -1,0 +1,54 @@
+// The recording fake of the mail core and the platform services: the same
+// platform headers, implemented over in-memory test data. A unit test sets
+// the data up, runs an entry function or a handler, and reads back the calls
+// the plug-in made, in order ("Syncer::TriggerSync 2"). Any operation can be
+// made to fail, by its result or by throwing ornic::Error.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace larkpost::fake {
+
+struct FakeUser {
+  std::string name;
+  bool is_admin = false;
+};
+
+struct Core {
+  // ------------------------------------------------------------- test data
+  std::map<uint32_t, FakeUser> users;
+  std::map<std::string, std::string> mail_server;  // GetMailServerKey
+  std::set<uint32_t> databases;                    // users whose store exists
+  std::map<std::string, std::string> sessions;     // session id -> user name
+  int vex_timeout = 1800;
+  std::string app_root;  // PrepareUserLarkpostDir makes folders below it
+
+  // ------------------------------------------------------ failure injection
+  // Operation name (as recorded, without arguments) -> how it fails: a code
+  // above zero is thrown as ornic::Error(code); 0 makes the operation report
+  // failure by its result (false, an invalid record, a negative number).
+  std::map<std::string, int32_t> failures;
+
+  // --------------------------------------------------------------- records
+  std::vector<std::string> calls;
+};
+
+// The test process's fake core; Reset() before each test.
+Core& core();
+void Reset();
+
+void AddUser(uint32_t uid, const std::string& name, bool is_admin = false);
+
+// Records "op args" (or "op" when args is empty). Throws ornic::Error when
+// the operation is set to throw; returns false when it is set to fail by its
+// result, true otherwise.
+bool Call(const std::string& op, const std::string& args = "");
+
+// The calls recorded so far whose text starts with `prefix`.
+std::vector<std::string> CallsStartingWith(const std::string& prefix);
+
+}  // namespace larkpost::fake

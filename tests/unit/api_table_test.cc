@@ -1,0 +1,60 @@
+// The method table: its accessor, its rows in order, and its agreement with
+// the API declaration that the host reads.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <string>
+#include <tuple>
+
+#include "tests/unit/handler_test_util.h"
+#include "webapi/api_table.h"
+
+namespace larkpost::test {
+namespace {
+
+// The rows built so far, in the table's fixed order.
+const std::tuple<const char*, const char*, ZEVO::APIHandler> kRows[] = {
+    {"ZEVO.Larkpost.Info", "getinfo", InfoGetInfo_v1},
+};
+constexpr size_t kRowCount = sizeof(kRows) / sizeof(kRows[0]);
+
+TEST(ApiTableTest, RowsAreInTheirFixedOrder) {
+  EXPECT_EQ(GetAPITable(), gTable);
+  EXPECT_EQ(sizeof(gTable) / sizeof(gTable[0]), kRowCount) << "no terminating row";
+  for (size_t i = 0; i < kRowCount; ++i) {
+    EXPECT_STREQ(gTable[i].api, std::get<0>(kRows[i])) << i;
+    EXPECT_EQ(gTable[i].version, 1) << i;
+    EXPECT_STREQ(gTable[i].method, std::get<1>(kRows[i])) << i;
+    EXPECT_EQ(gTable[i].handler, std::get<2>(kRows[i])) << i;
+  }
+}
+
+TEST(ApiTableTest, DeclarationListsExactlyTheTable) {
+  std::ifstream file(LARKPOST_API_DECLARATION);
+  ASSERT_TRUE(file) << LARKPOST_API_DECLARATION;
+  std::stringstream text;
+  text << file.rdbuf();
+  Json::Value declaration = J(text.str());
+
+  std::set<std::string> declared;
+  for (const std::string& api : declaration.getMemberNames()) {
+    const std::string auth = declaration[api]["auth"].asString();
+    EXPECT_TRUE(auth == "user" || auth == "admin" || auth == "custom") << api;
+    EXPECT_EQ(auth == "custom", api == "ZEVO.Larkpost.Attachment") << api;
+    EXPECT_EQ(auth == "admin", api == "ZEVO.Larkpost.AdminSetting.POP3") << api;
+    for (const Json::Value& method : declaration[api]["methods"]["1"]) {
+      EXPECT_TRUE(declared.insert(api + " " + method.asString()).second) << "twice: " << api;
+    }
+  }
+  std::set<std::string> table;
+  for (const ZEVO::APITableEntry& row : gTable) {
+    EXPECT_TRUE(table.insert(std::string(row.api) + " " + row.method).second)
+        << "twice: " << row.api << " " << row.method;
+  }
+  EXPECT_EQ(declared, table);
+}
+
+}  // namespace
+}  // namespace larkpost::test

@@ -1,0 +1,40 @@
+// What the handler tests share: a fresh fake core with one user, and a way
+// to run an entry function as the framework would and read its answer.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <json/value.h>
+
+#include <string>
+
+#include "platform/zevo/webapi.h"
+#include "tests/fake/fake_core.h"
+#include "tests/fake/syslog_capture.h"
+
+namespace larkpost::test {
+
+inline constexpr uint32_t kAlice = 1026;
+
+class HandlerTest : public ::testing::Test {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+
+  // Runs `handler` for a request of user `uid` with `params` and returns the
+  // envelope the host would send.
+  Json::Value Run(ZEVO::APIHandler handler, const Json::Value& params = Json::objectValue,
+                  uint32_t uid = kAlice, const std::string& session = "sid-alice");
+
+  std::string temp_root_;
+};
+
+// The answer's "data" ({"success":true} has none: null).
+inline const Json::Value& Data(const Json::Value& envelope) { return envelope["data"]; }
+inline int ErrorCode(const Json::Value& envelope) {
+  return envelope["success"].asBool() ? 0 : envelope["error"]["code"].asInt();
+}
+
+// Parses a JSON text written in a test; fails the test when it is not JSON.
+Json::Value J(const std::string& text);
+
+}  // namespace larkpost::test
