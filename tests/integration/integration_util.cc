@@ -1,0 +1,371 @@
+#include "tests/integration/integration_util.h"
+
+#include <arpa/inet.h>
+#include <curl/curl.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include "platform/zevo/webapi.h"
+
+namespace larkpost::itest {
+
+namespace {
+
+std::string EnvOr(const char* name, const std::string& fallback) {
+  const char* value = std::getenv(name);
+  return value != nullptr ? value : fallback;
+}
+
+// Sanitizer settings travel to every program the tests start.
+void AddSanitizerOptions(std::map<std::string, std::string>& env) {
+  for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"}) {
+    if (const char* value = std::getenv(name)) env.emplace(name, value);
+  }
+  env.emplace("PATH", EnvOr("PATH", "/usr/bin:/bin"));
+}
+
+std::vector<char*> CStrings(std::vector<std::string>& texts) {
+  std::vector<char*> pointers;
+  for (std::string& text : texts) pointers.push_back(text.data());
+  pointers.push_back(nullptr);
+  return pointers;
+}
+
+Json::Value ParseJsonOrNull(const std::string& text) {
+  Json::Value value;
+  if (!ZEVO::WebAPIUtil::FromString(text, value)) return Json::Value();
+  return value;
+}
+
+int FreePort() {
+  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+    close(fd);
+    throw std::runtime_error("no free port");
+  }
+  socklen_t size = sizeof(address);
+  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
+  close(fd);
+  return ntohs(address.sin_port);
+}
+
+bool CanConnect(int port) {
+  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  bool ok = connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+  close(fd);
+  return ok;
+}
+
+size_t AppendBody(char* data, size_t size, size_t count, void* out) {
+  static_cast<std::string*>(out)->append(data, size * count);
+  return size * count;
+}
+
+size_t AppendHeader(char* data, size_t size, size_t count, void* out) {
+  std::string line(data, size * count);
+  size_t colon = line.find(':');
+  if (colon != std::string::npos) {
+    std::string name = line.substr(0, colon);
+    for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    std::string value = line.substr(colon + 1);
+    value.erase(0, value.find_first_not_of(' '));
+    value.erase(value.find_last_not_of("\r\n") + 1);
+    (*static_cast<std::map<std::string, std::string>*>(out))[name] = value;
+  }
+  return size * count;
+}
+
+}  // namespace
+
+std::string BinDir() { return EnvOr("LARKPOST_BIN", "build/bin"); }
+std::string LibDir() { return EnvOr("LARKPOST_LIB", "build/lib"); }
+
+ProcessResult RunProcess(const std::vector<std::string>& argv,
+                         const std::map<std::string, std::string>& env_in,
+                         const std::string& input) {
+  std::map<std::string, std::string> env = env_in;
+  AddSanitizerOptions(env);
+  std::vector<std::string> args = argv;
+  std::vector<std::string> env_texts;
+  for (const auto& [name, value] : env) env_texts.push_back(name + "=" + value);
+
+  int in_pipe[2], out_pipe[2], err_pipe[2];
+  if (pipe(in_pipe) != 0 || pipe(out_pipe) != 0 || pipe(err_pipe) != 0) {
+    throw std::runtime_error("pipe");
+  }
+  pid_t pid = fork();
+  if (pid == 0) {
+    dup2(in_pipe[0], 0);
+    dup2(out_pipe[1], 1);
+    dup2(err_pipe[1], 2);
+    for (int fd : {in_pipe[0], in_pipe[1], out_pipe[0], out_pipe[1], err_pipe[0], err_pipe[1]}) {
+      close(fd);
+    }
+    std::vector<char*> c_args = CStrings(args);
+    std::vector<char*> c_env = CStrings(env_texts);
+    execve(c_args[0], c_args.data(), c_env.data());
+    _exit(127);
+  }
+  close(in_pipe[0]);
+  close(out_pipe[1]);
+  close(err_pipe[1]);
+
+  // Feed the input and read both outputs together, so that neither side
+  // can block the other.
+  ProcessResult result;
+  size_t written = 0;
+  if (input.empty()) {
+    close(in_pipe[1]);
+    in_pipe[1] = -1;
+  } else {
+    fcntl(in_pipe[1], F_SETFL, O_NONBLOCK);
+  }
+  bool out_open = true, err_open = true;
+  while (out_open || err_open) {
+    pollfd fds[3] = {{out_pipe[0], POLLIN, 0}, {err_pipe[0], POLLIN, 0}, {in_pipe[1], POLLOUT, 0}};
+    poll(fds, in_pipe[1] >= 0 ? 3 : 2, 30000);
+    char buffer[65536];
+    for (int i = 0; i < 2; ++i) {
+      if (!(fds[i].revents & (POLLIN | POLLHUP | POLLERR))) continue;
+      ssize_t n = read(fds[i].fd, buffer, sizeof(buffer));
+      if (n > 0) {
+        (i == 0 ? result.out : result.err).append(buffer, n);
+      } else {
+        (i == 0 ? out_open : err_open) = false;
+      }
+    }
+    if (in_pipe[1] >= 0 && (fds[2].revents & (POLLOUT | POLLERR | POLLHUP))) {
+      ssize_t n = write(in_pipe[1], input.data() + written, input.size() - written);
+      if (n > 0) written += n;
+      if (n < 0 || written == input.size()) {
+        close(in_pipe[1]);
+        in_pipe[1] = -1;
+      }
+    }
+  }
+  if (in_pipe[1] >= 0) close(in_pipe[1]);
+  close(out_pipe[0]);
+  close(err_pipe[0]);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  result.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return result;
+}
+
+CgiAnswer ParseCgiAnswer(const std::string& raw) {
+  CgiAnswer answer;
+  size_t end = raw.find("\r\n\r\n");
+  size_t separator = 4;
+  if (end == std::string::npos) {
+    end = raw.find("\n\n");
+    separator = 2;
+  }
+  if (end == std::string::npos) {
+    answer.body = raw;
+    return answer;
+  }
+  std::istringstream headers(raw.substr(0, end));
+  std::string line;
+  while (std::getline(headers, line)) {
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    size_t colon = line.find(':');
+    if (colon == std::string::npos) continue;
+    std::string name = line.substr(0, colon);
+    for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    answer.headers[name] = line.substr(line.find_first_not_of(' ', colon + 1));
+  }
+  answer.body = raw.substr(end + separator);
+  answer.json = ParseJsonOrNull(answer.body);
+  return answer;
+}
+
+DataRoot::DataRoot() {
+  char pattern[] = "/tmp/larkpost-it-XXXXXX";
+  if (mkdtemp(pattern) == nullptr) throw std::runtime_error("mkdtemp");
+  path_ = pattern;
+  // Failed logins are answered after a delay; a short one keeps tests fast.
+  WriteConfig(R"({"login_failure_delay_ms": 50})");
+}
+
+DataRoot::~DataRoot() {
+  std::error_code ignored;
+  std::filesystem::remove_all(path_, ignored);
+}
+
+void DataRoot::WriteConfig(const std::string& json_text) const {
+  std::filesystem::create_directories(path_ + "/etc");
+  std::ofstream(path_ + "/etc/larkpost.json") << json_text;
+}
+
+ProcessResult DataRoot::Ctl(const std::vector<std::string>& args) const {
+  std::vector<std::string> argv = {BinDir() + "/larkpostctl", "--root", path_};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return RunProcess(argv, {});
+}
+
+uint32_t DataRoot::AddUser(const std::string& name, const std::string& password,
+                           bool admin) const {
+  std::vector<std::string> args = {"user", "add", name, "--password", password};
+  if (admin) args.push_back("--admin");
+  ProcessResult result = Ctl(args);
+  if (result.exit_code != 0) throw std::runtime_error("user add failed: " + result.err);
+  return static_cast<uint32_t>(std::stoul(result.out));
+}
+
+CgiAnswer DataRoot::Cgi(const std::string& program, const CgiRequest& request) const {
+  std::map<std::string, std::string> env = {
+      {"GATEWAY_INTERFACE", "CGI/1.1"},
+      {"SERVER_PROTOCOL", "HTTP/1.1"},
+      {"REQUEST_METHOD", request.method},
+      {"QUERY_STRING", request.query},
+      {"SCRIPT_NAME", "/webapi/" + program},
+      {"REMOTE_ADDR", "127.0.0.1"},
+      {"LARKPOST_ROOT", path_},
+  };
+  if (!request.body.empty() || request.method == "POST") {
+    env["CONTENT_LENGTH"] = std::to_string(request.body.size());
+    env["CONTENT_TYPE"] = request.content_type.empty() ? "application/x-www-form-urlencoded"
+                                                       : request.content_type;
+  }
+  if (!request.cookie.empty()) env["HTTP_COOKIE"] = request.cookie;
+  for (const auto& [name, value] : request.extra_headers) env[name] = value;
+  ProcessResult result = RunProcess({BinDir() + "/" + program}, env, request.body);
+  CgiAnswer answer = ParseCgiAnswer(result.out);
+  answer.exit_code = result.exit_code;
+  return answer;
+}
+
+Json::Value DataRoot::Login(const std::string& account, const std::string& password) const {
+  CgiRequest request;
+  request.method = "POST";
+  request.body = "account=" + UrlEncode(account) + "&passwd=" + UrlEncode(password);
+  CgiAnswer answer = Cgi("auth.cgi", request);
+  if (!answer.json["success"].asBool()) return Json::Value();
+  return answer.json["data"];
+}
+
+std::vector<std::string> DataRoot::Lines(const std::string& relative) const {
+  std::vector<std::string> lines;
+  std::ifstream file(path_ + "/" + relative);
+  std::string line;
+  while (std::getline(file, line)) lines.push_back(line);
+  return lines;
+}
+
+Server::Server(const DataRoot& root) : port_(FreePort()) {
+  std::vector<std::string> args = {BinDir() + "/larkpostctl", "--root", root.path(), "serve",
+                                   "--listen", "127.0.0.1:" + std::to_string(port_)};
+  std::map<std::string, std::string> env;
+  AddSanitizerOptions(env);
+  std::vector<std::string> env_texts;
+  for (const auto& [name, value] : env) env_texts.push_back(name + "=" + value);
+  pid_ = fork();
+  if (pid_ == 0) {
+    int null = open("/dev/null", O_RDWR);
+    dup2(null, 0);
+    dup2(null, 1);
+    std::vector<char*> c_args = CStrings(args);
+    std::vector<char*> c_env = CStrings(env_texts);
+    execve(c_args[0], c_args.data(), c_env.data());
+    _exit(127);
+  }
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
+  while (!CanConnect(port_)) {
+    int status = 0;
+    if (waitpid(pid_, &status, WNOHANG) == pid_) {
+      pid_ = -1;
+      throw std::runtime_error("larkpostctl serve exited early");
+    }
+    if (std::chrono::steady_clock::now() > deadline) {
+      throw std::runtime_error("lighttpd did not start listening");
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+}
+
+Server::~Server() { Stop(); }
+
+int Server::Stop() {
+  if (pid_ < 0) return -1;
+  kill(pid_, SIGINT);
+  int status = 0;
+  waitpid(pid_, &status, 0);
+  pid_ = -1;
+  if (WIFEXITED(status)) return WEXITSTATUS(status);
+  return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : -1;
+}
+
+std::string Server::url(const std::string& path) const {
+  return "http://127.0.0.1:" + std::to_string(port_) + path;
+}
+
+std::string UrlEncode(const std::string& text) {
+  static const char kHex[] = "0123456789ABCDEF";
+  std::string out;
+  for (unsigned char c : text) {
+    if (std::isalnum(c) || c == '-' || c == '_' || c == '.' || c == '~') {
+      out += static_cast<char>(c);
+    } else {
+      out += '%';
+      out += kHex[c >> 4];
+      out += kHex[c & 15];
+    }
+  }
+  return out;
+}
+
+HttpAnswer Http(const std::string& url, const std::map<std::string, std::string>& form, bool post,
+                const std::map<std::string, std::string>& headers) {
+  std::string encoded;
+  for (const auto& [name, value] : form) {
+    if (!encoded.empty()) encoded += '&';
+    encoded += UrlEncode(name) + "=" + UrlEncode(value);
+  }
+  HttpAnswer answer;
+  CURL* curl = curl_easy_init();
+  std::string target = post || encoded.empty() ? url : url + "?" + encoded;
+  curl_easy_setopt(curl, CURLOPT_URL, target.c_str());
+  curl_easy_setopt(curl, CURLOPT_NOPROXY, "*");
+  curl_easy_setopt(curl, CURLOPT_TIMEOUT, 30L);
+  if (post) curl_easy_setopt(curl, CURLOPT_POSTFIELDS, encoded.c_str());
+  curl_slist* header_list = nullptr;
+  for (const auto& [name, value] : headers) {
+    header_list = curl_slist_append(header_list, (name + ": " + value).c_str());
+  }
+  curl_easy_setopt(curl, CURLOPT_HTTPHEADER, header_list);
+  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, AppendBody);
+  curl_easy_setopt(curl, CURLOPT_WRITEDATA, &answer.body);
+  curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, AppendHeader);
+  curl_easy_setopt(curl, CURLOPT_HEADERDATA, &answer.headers);
+  CURLcode code = curl_easy_perform(curl);
+  if (code == CURLE_OK) curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &answer.status);
+  curl_slist_free_all(header_list);
+  curl_easy_cleanup(curl);
+  if (code != CURLE_OK) throw std::runtime_error(curl_easy_strerror(code));
+  answer.json = ParseJsonOrNull(answer.body);
+  return answer;
+}
+
+}  // namespace larkpost::itest

@@ -1,0 +1,63 @@
+// The whole stack on loopback: larkpostctl serve, lighttpd, the CGI host and
+// the plug-in, driven the way the web client drives it.
+#include <gtest/gtest.h>
+
+#include "tests/integration/integration_util.h"
+
+namespace larkpost::itest {
+namespace {
+
+TEST(LighttpdTest, BrowserSessionFromLoginToLogout) {
+  DataRoot root;
+  root.AddUser("demo", "demo");
+  Server server(root);
+
+  HttpAnswer wrong = Http(server.url("/webapi/auth.cgi"), {{"account", "demo"}, {"passwd", "x"}},
+                          /*post=*/true);
+  EXPECT_EQ(wrong.status, 200);
+  EXPECT_EQ(wrong.json["error"]["code"].asInt(), 400);
+
+  HttpAnswer login = Http(server.url("/webapi/auth.cgi"),
+                          {{"account", "demo"}, {"passwd", "demo"}}, /*post=*/true);
+  ASSERT_TRUE(login.json["success"].asBool()) << login.body;
+  const std::string sid = login.json["data"]["sid"].asString();
+  const std::string token = login.json["data"]["token"].asString();
+  EXPECT_EQ(login.headers["set-cookie"], "id=" + sid + "; HttpOnly; SameSite=Strict; Path=/");
+
+  const std::map<std::string, std::string> getinfo = {
+      {"api", "ZEVO.Larkpost.Info"}, {"version", "1"}, {"method", "getinfo"}};
+  const std::string cookie = "id=" + sid;
+
+  HttpAnswer info = Http(server.url("/webapi/entry.cgi"), getinfo, /*post=*/true,
+                         {{"Cookie", cookie}, {"X-ZEVO-Token", token}});
+  EXPECT_EQ(info.status, 200);
+  EXPECT_EQ(info.headers["content-type"], "application/json; charset=utf-8");
+  EXPECT_EQ(info.headers["x-content-type-options"], "nosniff");
+  EXPECT_TRUE(info.json["data"]["database_ready"].asBool()) << info.body;
+
+  HttpAnswer no_token = Http(server.url("/webapi/entry.cgi"), getinfo, /*post=*/false,
+                             {{"Cookie", cookie}});
+  EXPECT_EQ(no_token.json["error"]["code"].asInt(), 119);
+
+  std::map<std::string, std::string> unknown = getinfo;
+  unknown["api"] = "ZEVO.Larkpost.Unknown";
+  EXPECT_EQ(Http(server.url("/webapi/entry.cgi"), unknown, false,
+                 {{"Cookie", cookie}, {"X-ZEVO-Token", token}})
+                .json["error"]["code"]
+                .asInt(),
+            102);
+
+  HttpAnswer logout = Http(server.url("/webapi/auth.cgi"), {{"method", "logout"}}, true,
+                           {{"Cookie", cookie}, {"X-ZEVO-Token", token}});
+  EXPECT_TRUE(logout.json["success"].asBool()) << logout.body;
+  EXPECT_EQ(Http(server.url("/webapi/entry.cgi"), getinfo, true,
+                 {{"Cookie", cookie}, {"X-ZEVO-Token", token}})
+                .json["error"]["code"]
+                .asInt(),
+            119);
+
+  EXPECT_EQ(server.Stop(), 0) << "Ctrl-C stops the server cleanly";
+}
+
+}  // namespace
+}  // namespace larkpost::itest
