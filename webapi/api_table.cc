@@ -10,7 +10,7 @@ void InfoGetInfo_v1(ZEVO::APIRequest* request, ZEVO::APIResponse* response) {
   RunEntry<InfoAPI, &InfoAPI::GetInfo_v1>(request, response);
 }
 
-const ZEVO::APITableEntry gTable[] = {
+const ZEVO::APITableEntry gTable[kAPITableSize] = {
     {"ZEVO.Larkpost.Info", 1, "getinfo", InfoGetInfo_v1},
 };
 

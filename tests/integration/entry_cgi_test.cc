@@ -6,6 +6,7 @@
 
 #include <regex>
 
+#include "platform/zevo/webapi.h"
 #include "tests/integration/integration_util.h"
 
 namespace larkpost::itest {

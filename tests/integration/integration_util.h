@@ -4,6 +4,7 @@
 #pragma once
 
 #include <json/value.h>
+#include <json/writer.h>  // prints values in failure messages
 #include <sys/types.h>
 
 #include <map>

@@ -3,6 +3,7 @@
 // turn exceptions into answers.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <cstdio>

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 #include <json/value.h>
+#include <json/writer.h>  // prints values in failure messages
 
 #include <string>
 
