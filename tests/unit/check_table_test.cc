@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <memory>
+#include <ostream>
 #include <set>
 #include <sstream>
 #include <string>
@@ -103,6 +104,8 @@ const Row kRows[] = {
     {"Message", "set_star", "id:i[]! star:i!"},
     {"Message", "get", "id:i[]! body_type:s[] additional:s[]"},
 };
+
+void PrintTo(const Row& row, std::ostream* out) { *out << row.api << " " << row.method; }
 
 std::string FullName(const char* api) { return std::string("ZEVO.Larkpost.") + api; }
 
@@ -436,11 +439,14 @@ const Case kCases[] = {
     {"Sticker", "add", R"({"file_tmp": "/tmp/u2"})", "file", "required", true},
 };
 
+void PrintTo(const Case& c, std::ostream* out) {
+  *out << c.api << " " << c.method << (c.upload ? " upload " : " ") << c.params;
+}
+
 class CheckCaseTest : public testing::TestWithParam<Case> {};
 
 TEST_P(CheckCaseTest, FirstFailureInPassOrder) {
   const Case& c = GetParam();
-  SCOPED_TRACE(std::string(c.api) + " " + c.method + " " + c.params);
   EXPECT_EQ(Judge(c.api, c.method, Parse(c.params), c.upload),
             c.name == nullptr ? "pass" : Failure(c.name, c.reason));
 }

@@ -22,7 +22,8 @@ using ZEVO::WebAPIUtil;
 constexpr char kLabelAdditional[] = "[\"unread_count\"]";
 constexpr char kMailboxAdditional[] = "[\"unread_count\", \"draft_total_count\"]";
 constexpr char kDraftAdditional[] = "[\"body_preview\"]";
-constexpr char kMessageAdditional[] = "[\"blockquote\", \"body_preview\", \"block_external_image\"]";
+constexpr char kMessageAdditional[] =
+    "[\"blockquote\", \"body_preview\", \"block_external_image\"]";
 constexpr char kDefaultBodyTypes[] = "[\"plain\", \"html\"]";
 
 // Nested checkers, run on each element of "condition" and "action": every
@@ -155,6 +156,14 @@ bool SMTPSet(APIRequest* request, APIResponse* response) {
                    !connection_type.IsSet() || APIValidator::IsBetween(connection_type, 0, 2));
 }
 
+bool SMTPDelete(APIRequest* request, APIResponse* response) {
+  return IdListHolds(request, response);
+}
+
+bool LabelDelete(APIRequest* request, APIResponse* response) {
+  return IdListHolds(request, response);
+}
+
 bool LabelCreate(APIRequest* request, APIResponse* response) {
   ParamCheck params(*request);
   params.String("name", kRequired);
@@ -197,11 +206,23 @@ bool FilterSet(APIRequest* request, APIResponse* response) {
   return params.Holds(response);
 }
 
+bool FilterGet(APIRequest* request, APIResponse* response) {
+  return IdListHolds(request, response);
+}
+
 bool FilterCreate(APIRequest* request, APIResponse* response) {
   ParamCheck params(*request);
   params.ObjectArray("condition", kRequired, FilterConditionHolds);
   params.ObjectArray("action", kRequired, FilterActionHolds);
   return params.Holds(response);
+}
+
+bool FilterSetOrder(APIRequest* request, APIResponse* response) {
+  return IdListHolds(request, response);
+}
+
+bool FilterDelete(APIRequest* request, APIResponse* response) {
+  return IdListHolds(request, response);
 }
 
 // Unlike every other "delete", a draft delete may name no ids.
@@ -230,8 +251,7 @@ bool DraftCreate(APIRequest* request, APIResponse* response) {
   const auto refer_to = params.Int("refer_to", kOptional);
   params.Int("draft_type", kOptional, 0);
   return params.Holds(response) &&
-         Condition(response, "refer_to",
-                   !refer_to.IsSet() || APIValidator::IsGreater(refer_to, 0));
+         Condition(response, "refer_to", !refer_to.IsSet() || APIValidator::IsGreater(refer_to, 0));
 }
 
 bool DraftSet(APIRequest* request, APIResponse* response) {
@@ -254,8 +274,7 @@ bool DraftSend(APIRequest* request, APIResponse* response) {
   const auto draft_type = params.Int("draft_type", kOptional, 0);
   return params.Holds(response) &&
          Condition(response, "draft_type", APIValidator::IsBetween(draft_type, 0, 2)) &&
-         Condition(response, "refer_to",
-                   !refer_to.IsSet() || APIValidator::IsGreater(refer_to, 0));
+         Condition(response, "refer_to", !refer_to.IsSet() || APIValidator::IsGreater(refer_to, 0));
 }
 
 bool DraftGet(APIRequest* request, APIResponse* response) {
@@ -276,6 +295,10 @@ bool AttachmentUpload(APIRequest* request, APIResponse* response) {
   return params.Holds(response);
 }
 
+bool AttachmentUploadSticker(APIRequest* request, APIResponse* response) {
+  return SingleIdHolds(request, response);
+}
+
 bool AttachmentUploadVex(APIRequest* request, APIResponse* response) {
   ParamCheck params(*request);
   params.String("source", kRequired);
@@ -290,10 +313,18 @@ bool StickerAdd(APIRequest* request, APIResponse* response) {
   return params.Holds(response);
 }
 
+bool StickerDelete(APIRequest* request, APIResponse* response) {
+  return IdListHolds(request, response);
+}
+
 bool StickerList(APIRequest* request, APIResponse* response) {
   ParamCheck params(*request);
   params.Int("category", kOptional, 1);
   return params.Holds(response);
+}
+
+bool StickerGet(APIRequest* request, APIResponse* response) {
+  return SingleIdHolds(request, response);
 }
 
 bool ForwardReplySet(APIRequest* request, APIResponse* response) {
@@ -311,6 +342,10 @@ bool ForwardReplySet(APIRequest* request, APIResponse* response) {
                    !reply_begin_time.IsSet() || APIValidator::IsGreater(reply_begin_time, 0)) &&
          Condition(response, "reply_end_time",
                    !reply_end_time.IsSet() || APIValidator::IsGreater(reply_end_time, 0));
+}
+
+bool MailboxDelete(APIRequest* request, APIResponse* response) {
+  return IdListHolds(request, response);
 }
 
 bool MailboxCreate(APIRequest* request, APIResponse* response) {
@@ -356,12 +391,12 @@ bool GeneralSet(APIRequest* request, APIResponse* response) {
   return params.Holds(response);
 }
 
-// Thread and Message "set_read".
-bool SetRead(APIRequest* request, APIResponse* response) {
-  ParamCheck params(*request);
-  params.IntArray("id", kRequired);
-  params.Bool("read", kRequired);
-  return params.Holds(response);
+bool MessageSetRead(APIRequest* request, APIResponse* response) {
+  return SetReadHolds(request, response);
+}
+
+bool MessageSetMailbox(APIRequest* request, APIResponse* response) {
+  return SetMailboxHolds(request, response);
 }
 
 // "star" is a number here, not a bool.
@@ -390,52 +425,53 @@ namespace check = ornic::larkpost::webapi::check;
 const ZEVO::APICheckEntry gCheckTable[] = {
     {"ZEVO.Larkpost.Info", 1, "getinfo", check::AcceptAll, nullptr, nullptr},
     {"ZEVO.Larkpost.Thread", 1, "get", check::ThreadGet, nullptr, nullptr},
-    {"ZEVO.Larkpost.Thread", 1, "set_read", check::SetRead, nullptr, nullptr},
+    {"ZEVO.Larkpost.Thread", 1, "set_read", check::ThreadSetRead, nullptr, nullptr},
     {"ZEVO.Larkpost.Thread", 1, "list", check::ThreadList, nullptr, nullptr},
     {"ZEVO.Larkpost.Thread", 1, "check_exist", check::ThreadCheckExist, nullptr, nullptr},
-    {"ZEVO.Larkpost.Thread", 1, "remove_label", check::ThreadLabel, nullptr, nullptr},
-    {"ZEVO.Larkpost.Thread", 1, "set_mailbox", check::SetMailbox, nullptr, nullptr},
-    {"ZEVO.Larkpost.Thread", 1, "add_label", check::ThreadLabel, nullptr, nullptr},
-    {"ZEVO.Larkpost.Thread", 1, "delete", check::IdList, nullptr, nullptr},
-    {"ZEVO.Larkpost.Setting.SMTP", 1, "set_default", check::SingleId, nullptr, nullptr},
+    {"ZEVO.Larkpost.Thread", 1, "remove_label", check::ThreadRemoveLabel, nullptr, nullptr},
+    {"ZEVO.Larkpost.Thread", 1, "set_mailbox", check::ThreadSetMailbox, nullptr, nullptr},
+    {"ZEVO.Larkpost.Thread", 1, "add_label", check::ThreadAddLabel, nullptr, nullptr},
+    {"ZEVO.Larkpost.Thread", 1, "delete", check::ThreadDelete, nullptr, nullptr},
+    {"ZEVO.Larkpost.Setting.SMTP", 1, "set_default", check::SMTPSetDefault, nullptr, nullptr},
     {"ZEVO.Larkpost.Setting.SMTP", 1, "create", check::SMTPCreate, nullptr, nullptr},
     {"ZEVO.Larkpost.Setting.SMTP", 1, "set", check::SMTPSet, nullptr, nullptr},
     {"ZEVO.Larkpost.Setting.SMTP", 1, "list", check::AcceptAll, nullptr, nullptr},
-    {"ZEVO.Larkpost.Setting.SMTP", 1, "delete", check::IdList, nullptr, nullptr},
-    {"ZEVO.Larkpost.Label", 1, "delete", check::IdList, nullptr, nullptr},
+    {"ZEVO.Larkpost.Setting.SMTP", 1, "delete", check::SMTPDelete, nullptr, nullptr},
+    {"ZEVO.Larkpost.Label", 1, "delete", check::LabelDelete, nullptr, nullptr},
     {"ZEVO.Larkpost.Label", 1, "create", check::LabelCreate, nullptr, nullptr},
     {"ZEVO.Larkpost.Label", 1, "set", check::LabelSet, nullptr, nullptr},
     {"ZEVO.Larkpost.Label", 1, "list", check::LabelList, nullptr, nullptr},
     {"ZEVO.Larkpost.Label", 1, "get", check::LabelGet, nullptr, nullptr},
     {"ZEVO.Larkpost.Filter", 1, "set", check::FilterSet, nullptr, nullptr},
-    {"ZEVO.Larkpost.Filter", 1, "get", check::IdList, nullptr, nullptr},
+    {"ZEVO.Larkpost.Filter", 1, "get", check::FilterGet, nullptr, nullptr},
     {"ZEVO.Larkpost.Filter", 1, "create", check::FilterCreate, nullptr, nullptr},
     {"ZEVO.Larkpost.Filter", 1, "list", check::AcceptAll, nullptr, nullptr},
-    {"ZEVO.Larkpost.Filter", 1, "setorder", check::IdList, nullptr, nullptr},
-    {"ZEVO.Larkpost.Filter", 1, "delete", check::IdList, nullptr, nullptr},
+    {"ZEVO.Larkpost.Filter", 1, "setorder", check::FilterSetOrder, nullptr, nullptr},
+    {"ZEVO.Larkpost.Filter", 1, "delete", check::FilterDelete, nullptr, nullptr},
     {"ZEVO.Larkpost.Draft", 1, "delete", check::DraftDelete, nullptr, nullptr},
     {"ZEVO.Larkpost.Draft", 1, "create", check::DraftCreate, nullptr, nullptr},
     {"ZEVO.Larkpost.Draft", 1, "set", check::DraftSet, nullptr, nullptr},
     {"ZEVO.Larkpost.Draft", 1, "send", check::DraftSend, nullptr, nullptr},
     {"ZEVO.Larkpost.Draft", 1, "get", check::DraftGet, nullptr, nullptr},
     {"ZEVO.Larkpost.Attachment", 1, "upload", check::AttachmentUpload, nullptr, nullptr},
-    {"ZEVO.Larkpost.Attachment", 1, "upload_sticker", check::SingleId, nullptr, nullptr},
+    {"ZEVO.Larkpost.Attachment", 1, "upload_sticker", check::AttachmentUploadSticker, nullptr,
+     nullptr},
     {"ZEVO.Larkpost.Attachment", 1, "upload_vex", check::AttachmentUploadVex, nullptr, nullptr},
     {"ZEVO.Larkpost.Sticker", 1, "add", check::StickerAdd, nullptr, nullptr},
-    {"ZEVO.Larkpost.Sticker", 1, "delete", check::IdList, nullptr, nullptr},
+    {"ZEVO.Larkpost.Sticker", 1, "delete", check::StickerDelete, nullptr, nullptr},
     {"ZEVO.Larkpost.Sticker", 1, "list", check::StickerList, nullptr, nullptr},
-    {"ZEVO.Larkpost.Sticker", 1, "get", check::SingleId, nullptr, nullptr},
+    {"ZEVO.Larkpost.Sticker", 1, "get", check::StickerGet, nullptr, nullptr},
     {"ZEVO.Larkpost.Setting.ForwardReply", 1, "set", check::ForwardReplySet, nullptr, nullptr},
     {"ZEVO.Larkpost.Setting.ForwardReply", 1, "get", check::AcceptAll, nullptr, nullptr},
-    {"ZEVO.Larkpost.Mailbox", 1, "delete", check::IdList, nullptr, nullptr},
+    {"ZEVO.Larkpost.Mailbox", 1, "delete", check::MailboxDelete, nullptr, nullptr},
     {"ZEVO.Larkpost.Mailbox", 1, "create", check::MailboxCreate, nullptr, nullptr},
     {"ZEVO.Larkpost.Mailbox", 1, "set", check::MailboxSet, nullptr, nullptr},
     {"ZEVO.Larkpost.Mailbox", 1, "list", check::MailboxList, nullptr, nullptr},
     {"ZEVO.Larkpost.Mailbox", 1, "get", check::MailboxGet, nullptr, nullptr},
     {"ZEVO.Larkpost.Setting.General", 1, "set", check::GeneralSet, nullptr, nullptr},
     {"ZEVO.Larkpost.Setting.General", 1, "get", check::AcceptAll, nullptr, nullptr},
-    {"ZEVO.Larkpost.Message", 1, "set_read", check::SetRead, nullptr, nullptr},
-    {"ZEVO.Larkpost.Message", 1, "set_mailbox", check::SetMailbox, nullptr, nullptr},
+    {"ZEVO.Larkpost.Message", 1, "set_read", check::MessageSetRead, nullptr, nullptr},
+    {"ZEVO.Larkpost.Message", 1, "set_mailbox", check::MessageSetMailbox, nullptr, nullptr},
     {"ZEVO.Larkpost.Message", 1, "set_star", check::MessageSetStar, nullptr, nullptr},
     {"ZEVO.Larkpost.Message", 1, "get", check::MessageGet, nullptr, nullptr},
     {nullptr, 0, nullptr, nullptr, nullptr, nullptr},

@@ -54,8 +54,8 @@ APIParameter<Json::Value> ParamCheck::IntArray(const char* name, int necessity) 
 }
 
 APIParameter<Json::Value> ParamCheck::StringArray(const char* name, int necessity) {
-  return NoteArray(name, request_.GetAndCheckUnitArray(name, necessity, nullptr),
-                   Elements::kString, nullptr);
+  return NoteArray(name, request_.GetAndCheckUnitArray(name, necessity, nullptr), Elements::kString,
+                   nullptr);
 }
 
 APIParameter<Json::Value> ParamCheck::StringArray(const char* name, int necessity,
@@ -67,8 +67,8 @@ APIParameter<Json::Value> ParamCheck::StringArray(const char* name, int necessit
 
 APIParameter<Json::Value> ParamCheck::ObjectArray(const char* name, int necessity,
                                                   NestedCheck nested) {
-  return NoteArray(name, request_.GetAndCheckUnitArray(name, necessity, nullptr),
-                   Elements::kObject, nested);
+  return NoteArray(name, request_.GetAndCheckUnitArray(name, necessity, nullptr), Elements::kObject,
+                   nested);
 }
 
 bool ParamCheck::ElementsHold(const Noted& noted) {

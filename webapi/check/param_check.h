@@ -47,8 +47,7 @@ class ParamCheck {
   ZEVO::APIParameter<Json::Value> StringArray(const char* name, int necessity);
   ZEVO::APIParameter<Json::Value> StringArray(const char* name, int necessity,
                                               const char* fallback_json);
-  ZEVO::APIParameter<Json::Value> ObjectArray(const char* name, int necessity,
-                                              NestedCheck nested);
+  ZEVO::APIParameter<Json::Value> ObjectArray(const char* name, int necessity, NestedCheck nested);
 
   // Pass 2, then the element checks: the first parameter, in reading order,
   // that is invalid fails ("required" when it is absent or null, "type" when
