@@ -1,0 +1,84 @@
+// A fresh data root per test: LARKPOST_ROOT points at a new temporary folder
+// for the life of the object, and the process forgets whatever root and
+// configuration it had read before. The folder and everything in it go
+// away with the object.
+#pragma once
+
+#include <ftw.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+
+#include "appliance/system/clock.h"
+#include "appliance/system/testing.h"
+
+namespace larkpost::testing {
+
+class TempRoot {
+ public:
+  TempRoot() {
+    char pattern[] = "/tmp/larkpost-test-XXXXXX";
+    if (mkdtemp(pattern) == nullptr) throw std::runtime_error("mkdtemp failed");
+    path_ = pattern;
+    setenv("LARKPOST_ROOT", path_.c_str(), 1);
+    appliance::ResetForTesting();
+  }
+  ~TempRoot() {
+    nftw(path_.c_str(), Remove, 16, FTW_DEPTH | FTW_PHYS);
+    unsetenv("LARKPOST_ROOT");
+    appliance::ResetForTesting();
+    appliance::SetUnixTimeForTesting(nullptr);
+  }
+  TempRoot(const TempRoot&) = delete;
+  TempRoot& operator=(const TempRoot&) = delete;
+
+  const std::string& path() const { return path_; }
+
+  // Writes `text` to `relative` below the root, making its folders.
+  void Write(const std::string& relative, const std::string& text) const {
+    std::string file = path_ + "/" + relative;
+    for (size_t slash = file.find('/', path_.size() + 1); slash != std::string::npos;
+         slash = file.find('/', slash + 1)) {
+      mkdir(file.substr(0, slash).c_str(), 0700);
+    }
+    std::ofstream(file) << text;
+  }
+
+  // The contents of `relative` below the root ("" when missing).
+  std::string Read(const std::string& relative) const {
+    std::ifstream in(path_ + "/" + relative);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+  }
+
+ private:
+  static int Remove(const char* path, const struct stat*, int, struct FTW*) {
+    ::remove(path);
+    return 0;
+  }
+
+  std::string path_;
+};
+
+// A clock that tests move by hand.
+class FakeClock {
+ public:
+  explicit FakeClock(int64_t start = 1700000000) : now_(start) {
+    appliance::SetUnixTimeForTesting([this] { return now_; });
+  }
+  ~FakeClock() { appliance::SetUnixTimeForTesting(nullptr); }
+  void Advance(int64_t seconds) { now_ += seconds; }
+  int64_t now() const { return now_; }
+
+ private:
+  int64_t now_;
+};
+
+}  // namespace larkpost::testing
