@@ -1,0 +1,97 @@
+// A plug-in for the host tests: handlers that answer, fail, throw and write
+// their own CGI answer, and a checker that refuses, so that every path
+// through entry.cgi can be driven from a test.
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+
+#include "platform/mailcore/error.h"
+#include "platform/zevo/webapi.h"
+
+#define TEST_EXPORT __attribute__((visibility("default")))
+
+namespace {
+
+// Everything the host told the plug-in about the request.
+void Echo(ZEVO::APIRequest* request, ZEVO::APIResponse* response) {
+  Json::Value data(Json::objectValue);
+  data["api"] = request->GetAPIName();
+  data["version"] = request->GetAPIVersion();
+  data["method"] = request->GetAPIMethod();
+  data["uid"] = request->GetLoginUID();
+  data["user"] = request->GetLoginUserName();
+  data["admin"] = request->IsAdmin();
+  data["sid"] = request->GetSessionID();
+  data["language"] = request->GetUILanguage();
+  data["upload"] = request->IsUploadRequest();
+  data["params"] = request->GetParamRef("", Json::Value());
+  // An upload's stored file, read while the request is still running.
+  const Json::Value& stored = request->GetParamRef("file_tmp", Json::Value());
+  if (stored.isString()) {
+    std::ifstream file(stored.asString(), std::ios::binary);
+    data["file_content"] =
+        std::string((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+  }
+  response->SetSuccess(data);
+}
+
+void Fail(ZEVO::APIRequest*, ZEVO::APIResponse* response) {
+  Json::Value data(Json::objectValue);
+  data["why"] = "asked to";
+  response->SetError(42, data);
+}
+
+void ThrowCore(ZEVO::APIRequest*, ZEVO::APIResponse*) { throw ornic::Error(503); }
+
+void ThrowStd(ZEVO::APIRequest*, ZEVO::APIResponse*) { throw std::runtime_error("boom"); }
+
+void Raw(ZEVO::APIRequest*, ZEVO::APIResponse* response) {
+  response->SetEnableOutput(false);
+  std::fputs("Status: 404 Not Found\r\n\r\n", stdout);
+}
+
+// Output off, then an exception: only the log can tell.
+void RawThenThrow(ZEVO::APIRequest*, ZEVO::APIResponse* response) {
+  response->SetEnableOutput(false);
+  std::fputs("Status: 404 Not Found\r\n\r\n", stdout);
+  throw std::runtime_error("after the answer");
+}
+
+void Reached(ZEVO::APIRequest*, ZEVO::APIResponse* response) {
+  response->SetSuccess(Json::Value("handler ran"));
+}
+
+// Lets the request through only when "ok" is true.
+bool CheckOk(ZEVO::APIRequest* request, ZEVO::APIResponse* response) {
+  if (request->GetAndCheckBool("ok", ZEVO::kRequired, nullptr).Get()) return true;
+  Json::Value data(Json::objectValue);
+  data["name"] = "ok";
+  data["reason"] = "condition";
+  response->SetError(120, data);
+  return false;
+}
+
+}  // namespace
+
+TEST_EXPORT extern const ZEVO::APITableEntry gTable[];
+TEST_EXPORT extern const ZEVO::APICheckEntry gCheckTable[];
+
+const ZEVO::APITableEntry gTable[] = {
+    {"ZEVO.Test.Echo", 1, "echo", Echo},
+    {"ZEVO.Test.Echo", 1, "fail", Fail},
+    {"ZEVO.Test.Echo", 1, "throw_core", ThrowCore},
+    {"ZEVO.Test.Echo", 1, "throw_std", ThrowStd},
+    {"ZEVO.Test.Echo", 1, "raw", Raw},
+    {"ZEVO.Test.Echo", 1, "raw_then_throw", RawThenThrow},
+    {"ZEVO.Test.Echo", 1, "checked", Reached},
+    {"ZEVO.Test.Echo", 2, "echo", Echo},
+    {"ZEVO.Test.Admin", 1, "echo", Echo},
+    // The last row: the host must see it although nothing marks the end.
+    {"ZEVO.Test.Custom", 1, "echo", Echo},
+};
+
+const ZEVO::APICheckEntry gCheckTable[] = {
+    {"ZEVO.Test.Echo", 1, "checked", CheckOk, nullptr, nullptr},
+    {nullptr, 0, nullptr, nullptr, nullptr, nullptr},
+};
