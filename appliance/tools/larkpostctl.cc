@@ -1,0 +1,224 @@
+// larkpostctl: administration of the stand-in appliance.
+//
+//   larkpostctl [--root DIR] COMMAND ...
+//
+// Commands are rows of kCommands; each gets the words after its name.
+#include <errno.h>
+#include <limits.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "appliance/system/appliance.h"
+#include "appliance/system/user_admin.h"
+#include "appliance/tools/lighttpd_config.h"
+
+namespace larkpost::tools {
+namespace {
+
+using Args = std::vector<std::string>;
+
+constexpr char kUsage[] =
+    "usage: larkpostctl [--root DIR] COMMAND ...\n"
+    "\n"
+    "  user add NAME --password PW [--admin] [--domain D]\n"
+    "      add an account; prints its uid\n"
+    "  user list\n"
+    "      one line per account: uid, name, domain, \"admin\" for administrators\n"
+    "  serve [--listen HOST:PORT]\n"
+    "      run the web server in the foreground (default 127.0.0.1:8080; IPv6 as\n"
+    "      [::1]:8080); Ctrl-C stops it\n"
+    "\n"
+    "--root DIR is the data root (default $LARKPOST_ROOT, else ./var).\n";
+
+// A mistake in the command line: reported with the usage, exit status 1.
+class UsageError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// The folders every command may rely on.
+void PrepareDataRoot() {
+  using namespace larkpost::appliance;
+  for (const std::string& dir :
+       {DataRoot(), EtcDir(), RunDir(), LogDir(), UploadDir(), DataRoot() + "/mail",
+        DataRoot() + "/homes", DataRoot() + "/tmp/lighttpd", DataRoot() + "/www"}) {
+    if (!MakeDirs(dir)) throw std::runtime_error("cannot create " + dir + ": " + strerror(errno));
+  }
+}
+
+// Takes the value of option `name` at args[i] (as "--name V" or
+// "--name=V"); true when args[i] was that option.
+bool TakeOption(const Args& args, size_t& i, const std::string& name, std::string* value) {
+  if (args[i] == name) {
+    if (i + 1 >= args.size()) throw UsageError(name + " needs a value");
+    *value = args[++i];
+    return true;
+  }
+  if (args[i].compare(0, name.size() + 1, name + "=") == 0) {
+    *value = args[i].substr(name.size() + 1);
+    return true;
+  }
+  return false;
+}
+
+int UserAdd(const Args& args) {
+  std::string name, password, domain = "localdomain";
+  bool have_password = false, admin = false;
+  for (size_t i = 0; i < args.size(); ++i) {
+    if (TakeOption(args, i, "--password", &password)) {
+      have_password = true;
+    } else if (TakeOption(args, i, "--domain", &domain)) {
+    } else if (args[i] == "--admin") {
+      admin = true;
+    } else if (args[i].size() > 1 && args[i][0] == '-') {
+      throw UsageError("user add: unknown option " + args[i]);
+    } else if (name.empty()) {
+      name = args[i];
+    } else {
+      throw UsageError("user add: one name only");
+    }
+  }
+  if (name.empty()) throw UsageError("user add: NAME is missing");
+  if (!have_password) throw UsageError("user add: --password is missing");
+  PrepareDataRoot();
+  uint32_t uid = appliance::UserStore::Add(name, password, admin, domain);
+  std::cout << uid << "\n";
+  return 0;
+}
+
+int UserList(const Args& args) {
+  if (!args.empty()) throw UsageError("user list takes no arguments");
+  for (const appliance::UserRecord& user : appliance::ListUsers()) {
+    std::cout << user.uid << " " << user.name << " " << user.domain
+              << (user.is_admin ? " admin" : "") << "\n";
+  }
+  return 0;
+}
+
+int User(const Args& args) {
+  if (args.empty()) throw UsageError("user: add or list?");
+  Args rest(args.begin() + 1, args.end());
+  if (args[0] == "add") return UserAdd(rest);
+  if (args[0] == "list") return UserList(rest);
+  throw UsageError("user: unknown command " + args[0]);
+}
+
+// The folder that this program was started from.
+std::string ProgramDir() {
+  char buffer[PATH_MAX];
+  ssize_t length = readlink("/proc/self/exe", buffer, sizeof buffer - 1);
+  if (length <= 0) throw std::runtime_error("cannot find this program's own folder");
+  std::string self(buffer, static_cast<size_t>(length));
+  return self.substr(0, self.rfind('/'));
+}
+
+bool Exists(const std::string& path) {
+  struct stat info;
+  return stat(path.c_str(), &info) == 0;
+}
+
+int Serve(const Args& args) {
+  std::string listen = "127.0.0.1:8080";
+  for (size_t i = 0; i < args.size(); ++i) {
+    if (!TakeOption(args, i, "--listen", &listen)) throw UsageError("serve: unexpected " + args[i]);
+  }
+  ServeSettings settings;
+  try {
+    settings.listen = ParseListen(listen);
+  } catch (const std::invalid_argument& e) {
+    throw UsageError(e.what());
+  }
+  const appliance::Config& config = appliance::GetConfig();
+  PrepareDataRoot();
+  settings.data_root = appliance::DataRoot();
+  settings.program_dir = ProgramDir();
+  settings.max_request_size = config.max_request_size;
+  settings.environment.emplace_back("LARKPOST_ROOT", settings.data_root);
+  for (const char* name : {"LARKPOST_PLUGIN", "ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"}) {
+    if (const char* value = getenv(name)) settings.environment.emplace_back(name, value);
+  }
+  for (const char* program : {"entry.cgi", "auth.cgi"}) {
+    if (!Exists(settings.program_dir + "/" + program)) {
+      std::cerr << "larkpostctl: warning: " << settings.program_dir << "/" << program
+                << " is missing; its URL will fail\n";
+    }
+  }
+
+  std::string index = settings.data_root + "/www/index.html";
+  if (!Exists(index)) {
+    std::ofstream(index) << "<!doctype html><title>Larkpost</title><p>Larkpost is running.</p>\n";
+  }
+  std::string conf = appliance::EtcDir() + "/lighttpd.conf";
+  std::string temp = conf + ".tmp";
+  {
+    std::ofstream out(temp, std::ios::trunc);
+    out << LighttpdConfig(settings);
+    out.close();
+    if (!out || rename(temp.c_str(), conf.c_str()) != 0) {
+      throw std::runtime_error("cannot write " + conf);
+    }
+  }
+
+  std::cout.flush();
+  std::cerr.flush();
+  // lighttpd takes this process over: Ctrl-C reaches it directly and it
+  // shuts down cleanly, with no parent left to forward signals.
+  const char* const argv[] = {"lighttpd", "-D", "-f", conf.c_str(), nullptr};
+  execv("/usr/sbin/lighttpd", const_cast<char* const*>(argv));
+  throw std::runtime_error(std::string("cannot run /usr/sbin/lighttpd: ") + strerror(errno));
+}
+
+struct Command {
+  const char* name;
+  int (*run)(const Args&);
+};
+
+constexpr Command kCommands[] = {
+    {"user", User},
+    {"serve", Serve},
+};
+
+int Main(int argc, char** argv) {
+  Args args(argv + 1, argv + argc);
+  size_t i = 0;
+  std::string root;
+  for (; i < args.size(); ++i) {
+    if (args[i] == "--help" || args[i] == "-h" || args[i] == "help") {
+      std::cout << kUsage;
+      return 0;
+    }
+    if (!TakeOption(args, i, "--root", &root)) break;
+    if (root.empty()) throw UsageError("--root needs a folder");
+    // Before anything asks for the data root: it is read once per process.
+    setenv("LARKPOST_ROOT", root.c_str(), 1);
+  }
+  if (i == args.size()) throw UsageError("no command given");
+  for (const Command& command : kCommands) {
+    if (args[i] == command.name) return command.run(Args(args.begin() + i + 1, args.end()));
+  }
+  throw UsageError("unknown command " + args[i]);
+}
+
+}  // namespace
+}  // namespace larkpost::tools
+
+int main(int argc, char** argv) {
+  try {
+    return larkpost::tools::Main(argc, argv);
+  } catch (const larkpost::tools::UsageError& e) {
+    std::cerr << "larkpostctl: " << e.what() << "\n\n" << larkpost::tools::kUsage;
+  } catch (const std::exception& e) {
+    std::cerr << "larkpostctl: " << e.what() << "\n";
+  }
+  return 1;
+}
