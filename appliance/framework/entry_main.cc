@@ -196,8 +196,10 @@ int Serve() {
   options.upload_dir = appliance::UploadDir();
   // Owns the stored upload, if any, until the request is over.
   EntryRequest decoded = cgi::DecodeEntryRequest(env, std::cin, options);
-  if (!decoded.api || !decoded.version || !decoded.method || decoded.api->empty() ||
-      decoded.method->empty()) {
+  const auto missing = [](const std::optional<std::string>& field) {
+    return !field || field->empty();
+  };
+  if (missing(decoded.api) || missing(decoded.version) || missing(decoded.method)) {
     throw RequestError(cgi::kErrorBadRequest, "api, version and method are required");
   }
   const std::optional<int> version = ParseVersion(*decoded.version);

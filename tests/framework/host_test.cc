@@ -188,6 +188,7 @@ TEST_F(HostTest, HostErrorsComeBeforeThePlugin) {
       {"api=ZEVO.Test.Echo&method=echo", 101},
       {"api=ZEVO.Test.Echo&version=1", 101},
       {"api=&version=1&method=echo", 101},
+      {"api=ZEVO.Test.Echo&version=&method=echo", 101},
       {"api=ZEVO.Test.Echo&version=one&method=echo", 104},
       {"api=ZEVO.Test.Echo&version=0&method=echo", 104},
       {"api=ZEVO.Test.Echo&version=-1&method=echo", 104},
