@@ -1,8 +1,9 @@
 #include "appliance/framework/cgi.h"
 
-#include <fcntl.h>
+#include <stdlib.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cctype>
 #include <cerrno>
