@@ -22,6 +22,7 @@ port=$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); pr
 mkdir -p "$root/etc/lighttpd.d"
 cat >"$root/etc/lighttpd.d/bench.conf" <<CONF
 alias.url += ( "/bench/fixed_answer.cgi" => "$bin/fixed_answer.cgi" )
+\$HTTP["url"] =~ "^/bench/fixed_answer\\.cgi\$" { cgi.assign = ( ".cgi" => "" ) }
 CONF
 "$bin/larkpostctl" --root "$root" serve --listen "127.0.0.1:$port" &
 server=$!

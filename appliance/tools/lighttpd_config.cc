@@ -103,6 +103,8 @@ std::string LighttpdConfig(const ServeSettings& settings) {
             LighttpdString(settings.environment[i].second);
   }
   text += " )\n";
+  // Local additions of the administrator (or a benchmark) come last.
+  text += "include " + path(root + "/etc/lighttpd.d/*.conf") + "\n";
   return text;
 }
 
