@@ -4,7 +4,6 @@
 #include <curl/curl.h>
 #include <fcntl.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -12,6 +11,7 @@
 
 #include <cctype>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -78,6 +78,15 @@ bool CanConnect(int port) {
   return ok;
 }
 
+std::string ReadAll(std::FILE* file) {
+  std::rewind(file);
+  std::string text;
+  char buffer[65536];
+  size_t n;
+  while ((n = std::fread(buffer, 1, sizeof(buffer), file)) > 0) text.append(buffer, n);
+  return text;
+}
+
 size_t AppendBody(char* data, size_t size, size_t count, void* out) {
   static_cast<std::string*>(out)->append(data, size * count);
   return size * count;
@@ -111,66 +120,30 @@ ProcessResult RunProcess(const std::vector<std::string>& argv,
   std::vector<std::string> env_texts;
   for (const auto& [name, value] : env) env_texts.push_back(name + "=" + value);
 
-  int in_pipe[2], out_pipe[2], err_pipe[2];
-  if (pipe(in_pipe) != 0 || pipe(out_pipe) != 0 || pipe(err_pipe) != 0) {
-    throw std::runtime_error("pipe");
-  }
+  // Files rather than pipes: nothing to interleave, no side can block.
+  std::FILE* in = std::tmpfile();
+  std::FILE* out = std::tmpfile();
+  std::FILE* err = std::tmpfile();
+  std::fwrite(input.data(), 1, input.size(), in);
+  std::fflush(in);
+  std::rewind(in);
   pid_t pid = fork();
   if (pid == 0) {
-    dup2(in_pipe[0], 0);
-    dup2(out_pipe[1], 1);
-    dup2(err_pipe[1], 2);
-    for (int fd : {in_pipe[0], in_pipe[1], out_pipe[0], out_pipe[1], err_pipe[0], err_pipe[1]}) {
-      close(fd);
-    }
+    dup2(fileno(in), 0);
+    dup2(fileno(out), 1);
+    dup2(fileno(err), 2);
     std::vector<char*> c_args = CStrings(args);
     std::vector<char*> c_env = CStrings(env_texts);
     execve(c_args[0], c_args.data(), c_env.data());
     _exit(127);
   }
-  close(in_pipe[0]);
-  close(out_pipe[1]);
-  close(err_pipe[1]);
-
-  // Feed the input and read both outputs together, so that neither side
-  // can block the other.
-  ProcessResult result;
-  size_t written = 0;
-  if (input.empty()) {
-    close(in_pipe[1]);
-    in_pipe[1] = -1;
-  } else {
-    fcntl(in_pipe[1], F_SETFL, O_NONBLOCK);
-  }
-  bool out_open = true, err_open = true;
-  while (out_open || err_open) {
-    pollfd fds[3] = {{out_pipe[0], POLLIN, 0}, {err_pipe[0], POLLIN, 0}, {in_pipe[1], POLLOUT, 0}};
-    poll(fds, in_pipe[1] >= 0 ? 3 : 2, 30000);
-    char buffer[65536];
-    for (int i = 0; i < 2; ++i) {
-      if (!(fds[i].revents & (POLLIN | POLLHUP | POLLERR))) continue;
-      ssize_t n = read(fds[i].fd, buffer, sizeof(buffer));
-      if (n > 0) {
-        (i == 0 ? result.out : result.err).append(buffer, n);
-      } else {
-        (i == 0 ? out_open : err_open) = false;
-      }
-    }
-    if (in_pipe[1] >= 0 && (fds[2].revents & (POLLOUT | POLLERR | POLLHUP))) {
-      ssize_t n = write(in_pipe[1], input.data() + written, input.size() - written);
-      if (n > 0) written += n;
-      if (n < 0 || written == input.size()) {
-        close(in_pipe[1]);
-        in_pipe[1] = -1;
-      }
-    }
-  }
-  if (in_pipe[1] >= 0) close(in_pipe[1]);
-  close(out_pipe[0]);
-  close(err_pipe[0]);
   int status = 0;
   waitpid(pid, &status, 0);
+  ProcessResult result;
   result.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  result.out = ReadAll(out);
+  result.err = ReadAll(err);
+  for (std::FILE* file : {in, out, err}) std::fclose(file);
   return result;
 }
 
