@@ -130,9 +130,9 @@ uint32_t CustomAuthAPI::GetAuthUID() {
   std::memset(user, 0, sizeof(user));
   uint32_t flags[2] = {15, 0};
   ZEVO_CGI_CTX* context = ZevoCgiInitEx(VESLCConfGetVexTimeout(), 1, kSessionStore, "");
-  int result = context != nullptr
-                   ? ZevoCgiIsAuthorizedEx(context, session_id_.c_str(), user, sizeof(user), flags, 0)
-                   : -1;
+  int result = context != nullptr ? ZevoCgiIsAuthorizedEx(context, session_id_.c_str(), user,
+                                                          sizeof(user), flags, 0)
+                                  : -1;
   ZevoCgiFree(context);
   user[sizeof(user) - 1] = '\0';
 

@@ -6,4 +6,5 @@
 
 #include <syslog.h>
 
-#define WEBAPI_LOG(format, ...) syslog(LOG_LOCAL1 | LOG_ERR, format, kLogUnit, __LINE__, ##__VA_ARGS__)
+#define WEBAPI_LOG(format, ...) \
+  syslog(LOG_LOCAL1 | LOG_ERR, format, kLogUnit, __LINE__, ##__VA_ARGS__)

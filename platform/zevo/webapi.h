@@ -77,8 +77,7 @@ extern template class APIParameter<Json::Value>;
 template <typename T>
 class ZEVO_PLATFORM_API APIParameterFactoryBasicImpl {
  public:
-  static APIParameter<T> FromJson(const Json::Value& object, const std::string& name,
-                                  int necessity,
+  static APIParameter<T> FromJson(const Json::Value& object, const std::string& name, int necessity,
                                   const typename APIParameter<T>::Validator& validator);
 };
 
@@ -205,9 +204,9 @@ class ZEVO_PLATFORM_API APIResponse {
 
   bool IsOutputEnabled() const;
   bool IsSuccess() const;
-  int GetErrorCode() const;  // 0 on success
-  const Json::Value& GetData() const;        // success data
-  const Json::Value& GetErrorData() const;   // error data
+  int GetErrorCode() const;                 // 0 on success
+  const Json::Value& GetData() const;       // success data
+  const Json::Value& GetErrorData() const;  // error data
   // {"success":true[,"data":D]} or {"success":false,"error":{"code":N[,"errors":D]}}
   Json::Value ToEnvelope() const;
 

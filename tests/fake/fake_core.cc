@@ -209,11 +209,10 @@ ZEVO_CGI_CTX* ZevoCgiInitEx(int timeout, int mode, const char* session_file, con
 
 int ZevoCgiIsAuthorizedEx(ZEVO_CGI_CTX* /*ctx*/, const char* session_id, char* user,
                           size_t user_size, uint32_t* flags, int reserved) {
-  bool ok = Call("ZevoCgiIsAuthorizedEx", std::string(session_id) + " " +
-                                              std::to_string(user_size) + " " +
-                                              std::to_string(flags[0]) + "," +
-                                              std::to_string(flags[1]) + " " +
-                                              std::to_string(reserved));
+  bool ok =
+      Call("ZevoCgiIsAuthorizedEx", std::string(session_id) + " " + std::to_string(user_size) +
+                                        " " + std::to_string(flags[0]) + "," +
+                                        std::to_string(flags[1]) + " " + std::to_string(reserved));
   auto session = core().sessions.find(session_id);
   if (!ok || session == core().sessions.end()) return -1;
   std::strncpy(user, session->second.c_str(), user_size - 1);

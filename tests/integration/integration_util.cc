@@ -198,8 +198,7 @@ ProcessResult DataRoot::Ctl(const std::vector<std::string>& args) const {
   return RunProcess(argv, {});
 }
 
-uint32_t DataRoot::AddUser(const std::string& name, const std::string& password,
-                           bool admin) const {
+uint32_t DataRoot::AddUser(const std::string& name, const std::string& password, bool admin) const {
   std::vector<std::string> args = {"user", "add", name, "--password", password};
   if (admin) args.push_back("--admin");
   ProcessResult result = Ctl(args);
@@ -219,8 +218,8 @@ CgiAnswer DataRoot::Cgi(const std::string& program, const CgiRequest& request) c
   };
   if (!request.body.empty() || request.method == "POST") {
     env["CONTENT_LENGTH"] = std::to_string(request.body.size());
-    env["CONTENT_TYPE"] = request.content_type.empty() ? "application/x-www-form-urlencoded"
-                                                       : request.content_type;
+    env["CONTENT_TYPE"] =
+        request.content_type.empty() ? "application/x-www-form-urlencoded" : request.content_type;
   }
   if (!request.cookie.empty()) env["HTTP_COOKIE"] = request.cookie;
   for (const auto& [name, value] : request.extra_headers) env[name] = value;
@@ -248,8 +247,9 @@ std::vector<std::string> DataRoot::Lines(const std::string& relative) const {
 }
 
 Server::Server(const DataRoot& root) : port_(FreePort()) {
-  std::vector<std::string> args = {BinDir() + "/larkpostctl", "--root", root.path(), "serve",
-                                   "--listen", "127.0.0.1:" + std::to_string(port_)};
+  std::vector<std::string> args = {
+      BinDir() + "/larkpostctl",           "--root", root.path(), "serve", "--listen",
+      "127.0.0.1:" + std::to_string(port_)};
   std::map<std::string, std::string> env;
   AddSanitizerOptions(env);
   std::vector<std::string> env_texts;

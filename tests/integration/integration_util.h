@@ -101,8 +101,8 @@ struct HttpAnswer {
 
 // One HTTP request with libcurl. `form` is sent urlencoded as the POST body
 // when `post`, else appended to the URL.
-HttpAnswer Http(const std::string& url, const std::map<std::string, std::string>& form,
-                bool post, const std::map<std::string, std::string>& headers = {});
+HttpAnswer Http(const std::string& url, const std::map<std::string, std::string>& form, bool post,
+                const std::map<std::string, std::string>& headers = {});
 
 // Percent-encodes a form value.
 std::string UrlEncode(const std::string& text);

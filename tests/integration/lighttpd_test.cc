@@ -12,8 +12,8 @@ TEST(LighttpdTest, BrowserSessionFromLoginToLogout) {
   root.AddUser("demo", "demo");
   Server server(root);
 
-  HttpAnswer login = Http(server.url("/webapi/auth.cgi"),
-                          {{"account", "demo"}, {"passwd", "demo"}}, /*post=*/true);
+  HttpAnswer login = Http(server.url("/webapi/auth.cgi"), {{"account", "demo"}, {"passwd", "demo"}},
+                          /*post=*/true);
   ASSERT_TRUE(login.json["success"].asBool()) << login.body;
   const std::string sid = login.json["data"]["sid"].asString();
   const std::string token = login.json["data"]["token"].asString();
@@ -30,8 +30,8 @@ TEST(LighttpdTest, BrowserSessionFromLoginToLogout) {
   EXPECT_EQ(info.headers["x-content-type-options"], "nosniff");
   EXPECT_TRUE(info.json["data"]["database_ready"].asBool()) << info.body;
 
-  HttpAnswer no_token = Http(server.url("/webapi/entry.cgi"), getinfo, /*post=*/false,
-                             {{"Cookie", cookie}});
+  HttpAnswer no_token =
+      Http(server.url("/webapi/entry.cgi"), getinfo, /*post=*/false, {{"Cookie", cookie}});
   EXPECT_EQ(no_token.json["error"]["code"].asInt(), 119);
 
   HttpAnswer logout = Http(server.url("/webapi/auth.cgi"), {{"method", "logout"}}, true,

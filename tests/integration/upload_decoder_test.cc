@@ -28,9 +28,10 @@ TEST(UploadDecoderTest, MultipartUploadReachesThePlugInsDecoder) {
       Part("Content-Disposition: form-data; name=\"id\"", "[7, 8]") +
       Part("Content-Disposition: form-data; name=\"note\"", "report") +
       Part("Content-Disposition: form-data; name=\"quoted\"", "\"report\"") +
-      Part("Content-Disposition: form-data; name=\"upload\"; filename=\"C:\\\\docs\\\\a b.txt\"\r\n"
-           "Content-Type: text/plain",
-           content) +
+      Part(
+          "Content-Disposition: form-data; name=\"upload\"; filename=\"C:\\\\docs\\\\a b.txt\"\r\n"
+          "Content-Type: text/plain",
+          content) +
       "--XyZ--\r\n";
   cgi::Environment env = {{"REQUEST_METHOD", "POST"},
                           {"CONTENT_TYPE", "multipart/form-data; boundary=XyZ"},

@@ -18,12 +18,12 @@
 namespace larkpost::test {
 namespace {
 
-using ::testing::ElementsAre;
 using ornic::larkpost::webapi::BaseAPI;
 using ornic::larkpost::webapi::CustomAuthAPI;
 using ornic::larkpost::webapi::NormalAPI;
 using ornic::larkpost::webapi::ReadProgramName;
 using ornic::larkpost::webapi::RunEntry;
+using ::testing::ElementsAre;
 
 // The name this test binary runs under, as the handlers read it.
 const std::string& OwnProgramName() {
@@ -187,8 +187,8 @@ TEST_F(FrameTest, CustomHandlerAuthenticatesTheSessionItself) {
   EXPECT_EQ(Data(Run(who, Json::objectValue, ZEVO::kUnknownUID, "sid-bob")).asUInt(), 1027u);
   EXPECT_THAT(fake::core().calls,
               ElementsAre("ZevoCgiInitEx 900 1 current.users ''",
-                          "ZevoCgiIsAuthorizedEx sid-bob 493 15,0 0", "ZevoCgiFree",
-                          "ZevoUser bob", "Controller 1027 sid-bob"));
+                          "ZevoCgiIsAuthorizedEx sid-bob 493 15,0 0", "ZevoCgiFree", "ZevoUser bob",
+                          "Controller 1027 sid-bob"));
 
   // Rejected session, a session without a user name, a user that is gone,
   // a session store that cannot be opened: 105 before any method runs.

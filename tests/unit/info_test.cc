@@ -34,24 +34,23 @@ TEST_F(InfoTest, FirstCallCreatesTheStoreAndItsMailboxes) {
   EXPECT_EQ(answer, J(R"({"success": true, "data": {
       "max_upload_size": 10485760, "database_ready": true,
       "smtp_hostname": "mail.example.org", "fts_enabled": true}})"));
-  EXPECT_THAT(StoreCalls(), ElementsAre("Controller 1026 sid-alice",
-                                        "DBSetupHandler::DoesDBExist 1026",
-                                        "DBSetupHandler::SetupDB 1026",
-                                        "Controller 1026",  // a session of its own
-                                        "MailboxSyncer::CheckDefaultMailbox 1026",
-                                        "UpdateControl::UpdateAllMailbox 1026 false",
-                                        "ZEVOLarkpostNotifyMailboxUpdate 1026",
-                                        "Syncer::TriggerSync 0", "Syncer::TriggerSync 1",
-                                        "Syncer::TriggerSync 2"));
+  EXPECT_THAT(StoreCalls(),
+              ElementsAre("Controller 1026 sid-alice", "DBSetupHandler::DoesDBExist 1026",
+                          "DBSetupHandler::SetupDB 1026",
+                          "Controller 1026",  // a session of its own
+                          "MailboxSyncer::CheckDefaultMailbox 1026",
+                          "UpdateControl::UpdateAllMailbox 1026 false",
+                          "ZEVOLarkpostNotifyMailboxUpdate 1026", "Syncer::TriggerSync 0",
+                          "Syncer::TriggerSync 1", "Syncer::TriggerSync 2"));
 }
 
 TEST_F(InfoTest, LaterCallsOnlySetTheStoreUp) {
   fake::core().databases.insert(kAlice);
   EXPECT_TRUE(Data(Run(InfoGetInfo_v1))["database_ready"].asBool());
-  EXPECT_THAT(StoreCalls(), ElementsAre("Controller 1026 sid-alice",
-                                        "DBSetupHandler::DoesDBExist 1026",
-                                        "DBSetupHandler::SetupDB 1026", "Syncer::TriggerSync 0",
-                                        "Syncer::TriggerSync 1", "Syncer::TriggerSync 2"));
+  EXPECT_THAT(StoreCalls(),
+              ElementsAre("Controller 1026 sid-alice", "DBSetupHandler::DoesDBExist 1026",
+                          "DBSetupHandler::SetupDB 1026", "Syncer::TriggerSync 0",
+                          "Syncer::TriggerSync 1", "Syncer::TriggerSync 2"));
 
   // An existing store that cannot be upgraded is reported, not an error.
   fake::core().calls.clear();
@@ -67,17 +66,22 @@ TEST_F(InfoTest, NewStoreThatFailsIsNotReadyButSyncsStillStart) {
   EXPECT_FALSE(Data(answer)["database_ready"].asBool());
   EXPECT_THAT(fake::CallsStartingWith("MailboxSyncer"), IsEmpty());
   EXPECT_THAT(fake::CallsStartingWith("ZEVOLarkpostNotify"), IsEmpty());
-  EXPECT_THAT(fake::CallsStartingWith("Syncer::"),
-              ElementsAre("Syncer::TriggerSync 0", "Syncer::TriggerSync 1",
-                          "Syncer::TriggerSync 2"));
+  EXPECT_THAT(
+      fake::CallsStartingWith("Syncer::"),
+      ElementsAre("Syncer::TriggerSync 0", "Syncer::TriggerSync 1", "Syncer::TriggerSync 2"));
 }
 
 TEST_F(InfoTest, LocalSendingNeedsExactlyYes) {
   struct Case {
     const char* enabled;
     const char* expected_host;
-  } cases[] = {{"yes", "mail.example.org"}, {"YES", ""}, {"Yes", ""}, {"1", ""},
-               {"true", ""},                {"", ""},    {"yes ", ""}};
+  } cases[] = {{"yes", "mail.example.org"},
+               {"YES", ""},
+               {"Yes", ""},
+               {"1", ""},
+               {"true", ""},
+               {"", ""},
+               {"yes ", ""}};
   for (const Case& c : cases) {
     fake::core().mail_server["smtp_enabled"] = c.enabled;
     fake::core().calls.clear();
@@ -99,8 +103,7 @@ TEST_F(InfoTest, CoreErrorsAnswerWithTheirCodeAndNoData) {
   for (const char* operation : operations) {
     fake::core().databases.clear();
     fake::core().failures = {{operation, 502}};
-    EXPECT_EQ(Run(InfoGetInfo_v1), J(R"({"success": false, "error": {"code": 502}})"))
-        << operation;
+    EXPECT_EQ(Run(InfoGetInfo_v1), J(R"({"success": false, "error": {"code": 502}})")) << operation;
   }
 }
 
