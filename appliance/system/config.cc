@@ -1,14 +1,14 @@
+#include <errno.h>
+#include <fcntl.h>
 #include <json/reader.h>
 #include <json/value.h>
 #include <json/writer.h>
 #include <stdio.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <limits>
 #include <memory>
 #include <mutex>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 
@@ -41,6 +41,34 @@ int64_t Integer(const Json::Value& value, const std::string& key, int64_t low, i
 const Json::Value& Object(const Json::Value& value, const std::string& key) {
   if (!value.isObject()) Bad(key, "must be an object");
   return value;
+}
+
+enum class ReadResult { kRead, kMissing, kFailed };
+
+// Reads a whole file of at most kMaxConfigSize bytes.
+constexpr size_t kMaxConfigSize = 1 << 20;
+
+ReadResult ReadSmallFile(const std::string& path, std::string* text) {
+  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return errno == ENOENT ? ReadResult::kMissing : ReadResult::kFailed;
+  char buffer[16384];
+  bool ok = true;
+  text->clear();
+  for (;;) {
+    ssize_t got = read(fd, buffer, sizeof buffer);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) {
+      ok = got == 0;
+      break;
+    }
+    text->append(buffer, static_cast<size_t>(got));
+    if (text->size() > kMaxConfigSize) {
+      ok = false;
+      break;
+    }
+  }
+  close(fd);
+  return ok ? ReadResult::kRead : ReadResult::kFailed;
 }
 
 std::mutex g_config_mutex;
@@ -110,18 +138,20 @@ const Config& GetConfig() {
   std::lock_guard<std::mutex> lock(g_config_mutex);
   if (g_config) return *g_config;
   auto config = std::make_unique<Config>();
-  std::ifstream in(ConfigPath());
-  if (in) {
-    std::ostringstream text;
-    text << in.rdbuf();
-    if (in.bad()) throw std::runtime_error("configuration: cannot read " + ConfigPath());
-    try {
-      *config = ParseConfig(text.str());
-    } catch (const std::runtime_error& e) {
-      throw std::runtime_error(ConfigPath() + ": " + e.what());
-    }
-  } else if (access(ConfigPath().c_str(), F_OK) == 0) {
-    throw std::runtime_error("configuration: cannot read " + ConfigPath());
+  std::string text;
+  // A missing file is the common case and costs one failed open.
+  switch (ReadSmallFile(ConfigPath(), &text)) {
+    case ReadResult::kMissing:
+      break;
+    case ReadResult::kFailed:
+      throw std::runtime_error("configuration: cannot read " + ConfigPath());
+    case ReadResult::kRead:
+      try {
+        *config = ParseConfig(text);
+      } catch (const std::runtime_error& e) {
+        throw std::runtime_error(ConfigPath() + ": " + e.what());
+      }
+      break;
   }
   g_config = std::move(config);
   return *g_config;
@@ -137,6 +167,8 @@ void ForgetConfig() {
 void ResetForTesting() {
   detail::ForgetDataRoot();
   detail::ForgetConfig();
+  detail::ForgetUsers();
+  detail::CloseLogFiles();
 }
 
 void SaveConfig(const Config& config) {

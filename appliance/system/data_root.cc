@@ -76,15 +76,21 @@ std::string HomeDir(const std::string& name) { return DataRoot() + "/homes/" + n
 
 bool MakeDirs(const std::string& path) {
   if (path.empty()) return false;
-  size_t pos = 0;
-  while (pos != std::string::npos) {
-    pos = path.find('/', pos + 1);
-    std::string prefix = path.substr(0, pos);
-    if (prefix.empty() || prefix.back() == '/') continue;
-    if (mkdir(prefix.c_str(), 0700) != 0 && errno != EEXIST) return false;
-  }
+  // The folder nearly always exists already: one stat answers, and only a
+  // missing folder costs a walk up the path.
   struct stat info;
-  return stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+  if (stat(path.c_str(), &info) == 0) return S_ISDIR(info.st_mode);
+  if (mkdir(path.c_str(), 0700) == 0) return true;
+  if (errno == ENOENT) {
+    size_t slash = path.find_last_not_of('/');
+    slash = slash == std::string::npos ? std::string::npos : path.rfind('/', slash);
+    if (slash == std::string::npos) return false;
+    std::string parent = path.substr(0, slash);
+    if (!parent.empty() && !MakeDirs(parent)) return false;
+    if (mkdir(path.c_str(), 0700) == 0) return true;
+  }
+  // EEXIST: another process made it meanwhile, or it is not a folder.
+  return errno == EEXIST && stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
 }
 
 }  // namespace larkpost::appliance

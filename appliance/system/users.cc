@@ -1,11 +1,19 @@
 // Accounts: one row per user in <root>/etc/users.db. Passwords are kept only
 // as argon2id hashes in libsodium's self-describing string form, so the cost
 // parameters can be raised later without breaking stored hashes.
+//
+// Lookups by uid and name are cached for the life of the process (a host
+// program serves one request, in which the same user is looked up several
+// times); the session store seeds the cache with the account of the
+// request's session, so that a request normally never opens users.db.
+// Verify and Add always work on the database.
 #include <sodium.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -14,7 +22,9 @@
 #include "appliance/system/appliance.h"
 #include "appliance/system/clock.h"
 #include "appliance/system/sqlite.h"
+#include "appliance/system/testing.h"
 #include "appliance/system/user_admin.h"
+#include "appliance/system/user_cache.h"
 
 namespace larkpost::appliance {
 namespace {
@@ -89,6 +99,37 @@ std::optional<std::pair<UserRecord, std::string>> FindWithHash(const std::string
   return std::make_pair(RowToUser(find), find.Text(4));
 }
 
+// Accounts found so far, by uid and by name. Only accounts that exist are
+// cached: a name that is unknown now may be added by the next command.
+std::mutex g_cache_mutex;
+std::map<uint32_t, UserRecord> g_by_uid;
+std::map<std::string, uint32_t> g_uid_by_name;
+
+void Remember(const UserRecord& user) {
+  std::lock_guard<std::mutex> lock(g_cache_mutex);
+  auto old = g_by_uid.find(user.uid);
+  if (old != g_by_uid.end()) {
+    auto named = g_uid_by_name.find(old->second.name);
+    if (named != g_uid_by_name.end() && named->second == user.uid) g_uid_by_name.erase(named);
+  }
+  g_by_uid[user.uid] = user;
+  g_uid_by_name[user.name] = user.uid;
+}
+
+std::optional<UserRecord> CachedByUid(uint32_t uid) {
+  std::lock_guard<std::mutex> lock(g_cache_mutex);
+  auto found = g_by_uid.find(uid);
+  if (found == g_by_uid.end()) return std::nullopt;
+  return found->second;
+}
+
+std::optional<UserRecord> CachedByName(const std::string& name) {
+  std::lock_guard<std::mutex> lock(g_cache_mutex);
+  auto found = g_uid_by_name.find(name);
+  if (found == g_uid_by_name.end()) return std::nullopt;
+  return g_by_uid.at(found->second);
+}
+
 bool IsValidDomain(const std::string& domain) {
   if (domain.empty() || domain.size() > 253 || domain[0] == '.' || domain[0] == '-') return false;
   for (char c : domain) {
@@ -107,19 +148,36 @@ bool IsValidUserName(const std::string& name) {
   return true;
 }
 
+namespace detail {
+
+void RememberUser(const UserRecord& user) { Remember(user); }
+
+void ForgetUsers() {
+  std::lock_guard<std::mutex> lock(g_cache_mutex);
+  g_by_uid.clear();
+  g_uid_by_name.clear();
+}
+
+}  // namespace detail
+
 std::optional<UserRecord> UserStore::FindByUid(uint32_t uid) {
+  if (std::optional<UserRecord> cached = CachedByUid(uid)) return cached;
   auto db = OpenForRead();
   if (!db) return std::nullopt;
   sqlite::Statement find(*db, (std::string(kColumns) + "WHERE uid = ?1").c_str());
   find.Bind(1, uid);
   if (!find.Step()) return std::nullopt;
-  return RowToUser(find);
+  UserRecord user = RowToUser(find);
+  Remember(user);
+  return user;
 }
 
 std::optional<UserRecord> UserStore::FindByName(const std::string& name) {
   if (!IsValidUserName(name)) return std::nullopt;
+  if (std::optional<UserRecord> cached = CachedByName(name)) return cached;
   auto found = FindWithHash(name);
   if (!found) return std::nullopt;
+  Remember(found->first);
   return found->first;
 }
 

@@ -7,6 +7,7 @@
 #include "appliance/mailcore/controller_impl.h"
 #include "appliance/system/appliance.h"
 #include "appliance/system/sqlite.h"
+#include "appliance/system/testing.h"
 #include "platform/mailcore/constant.h"
 #include "platform/mailcore/controller.h"
 #include "platform/mailcore/db_setup.h"
@@ -331,6 +332,8 @@ TEST_F(CoreTest, TriggerSyncRecordsEachRequestInOrder) {
   ::remove((root_.path() + "/log/sync.log").c_str());
   ::remove((root_.path() + "/log").c_str());
   root_.Write("log", "a file where the log folder should be");
+  // This process still holds the old log open; the next one would not.
+  ::larkpost::appliance::ResetForTesting();
   EXPECT_EQ(CodeOf([&] { syncer.TriggerSync(constant::kSyncFilter); }), kErrorStorage);
 }
 

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "appliance/system/appliance.h"
+#include "appliance/system/testing.h"
 #include "appliance/system/user_admin.h"
 #include "tests/system/temp_root.h"
 
@@ -94,6 +95,26 @@ TEST_F(UserStoreTest, PasswordIsStoredOnlyAsArgon2idHash) {
   std::string file = root_.Read("etc/users.db") + root_.Read("etc/users.db-wal");
   EXPECT_EQ(file.find("plain-text-password"), std::string::npos);
   EXPECT_NE(file.find("$argon2id$"), std::string::npos);
+}
+
+TEST_F(UserStoreTest, LookupsAreRememberedButPasswordsAlwaysChecked) {
+  EXPECT_FALSE(UserStore::FindByName("alice"));  // unknown now, so not remembered
+  UserStore::Add("alice", "secret", false, "example.org");
+  ASSERT_TRUE(UserStore::FindByUid(1026));
+  ASSERT_TRUE(UserStore::FindByName("alice"));
+  // With the database gone, only what was looked up before is still known.
+  for (const char* suffix : {"", "-wal", "-shm"}) ::remove((UsersDbPath() + suffix).c_str());
+  std::optional<UserRecord> alice = UserStore::FindByUid(1026);
+  ASSERT_TRUE(alice);
+  EXPECT_EQ(alice->name, "alice");
+  EXPECT_EQ(alice->domain, "example.org");
+  ASSERT_TRUE(UserStore::FindByName("alice"));
+  EXPECT_EQ(UserStore::FindByName("alice")->uid, 1026u);
+  EXPECT_FALSE(UserStore::Verify("alice", "secret"));
+  EXPECT_FALSE(UserStore::FindByUid(1027));
+  // A new process (here: a reset) knows nothing.
+  ResetForTesting();
+  EXPECT_FALSE(UserStore::FindByUid(1026));
 }
 
 TEST_F(UserStoreTest, HomeThatCannotBeMadeLeavesNoAccount) {
