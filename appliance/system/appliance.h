@@ -64,8 +64,10 @@ struct UserRecord {
   bool is_admin = false;
 };
 
-// Accounts in <root>/etc/users.db. Every call opens and closes its own
-// connection; concurrent processes are safe (WAL, busy time-out).
+// Accounts in <root>/etc/users.db. Concurrent processes are safe (WAL, busy
+// time-out). FindByUid and FindByName remember what they found for the rest
+// of the process, and a live session's account is remembered when
+// SessionStore::Lookup finds it; Add and Verify always use the database.
 class UserStore {
  public:
   static std::optional<UserRecord> FindByUid(uint32_t uid);
@@ -93,7 +95,8 @@ struct Session {
 };
 
 // Login sessions in the session checker's store "current.users"
-// (<root>/run/current.users). Only a hash of each session id is stored.
+// (<root>/run/current.users/, a file per session). Only a hash of each
+// session id is stored.
 class SessionStore {
  public:
   // Starts a session for `user`. Throws std::runtime_error when the store

@@ -14,7 +14,7 @@
 struct ZevoCgiContext {
   int timeout = 0;
   bool refresh = false;
-  std::unique_ptr<larkpost::appliance::sqlite::Database> db;
+  std::string store;  // the store's folder
 };
 
 namespace {
@@ -33,13 +33,13 @@ ZEVO_CGI_CTX* ZevoCgiInitEx(int timeout, int mode, const char* session_file, con
   try {
     std::string path = sessions::StorePath(session_file);
     struct stat info;
-    // Nobody has logged in yet: there is nothing to open, and a checker
-    // must not create the store.
-    if (path.empty() || stat(path.c_str(), &info) != 0) return nullptr;
+    // Nobody has logged in yet, or this is not a store: there is nothing to
+    // open, and a checker must not create the store.
+    if (path.empty() || stat(path.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) return nullptr;
     auto context = std::make_unique<ZevoCgiContext>();
     context->timeout = timeout;
     context->refresh = mode == 1;
-    context->db = sessions::Open(path, false);
+    context->store = std::move(path);
     return context.release();
   } catch (const std::exception&) {
     return nullptr;
@@ -56,7 +56,7 @@ int ZevoCgiIsAuthorizedEx(ZEVO_CGI_CTX* ctx, const char* session_id, char* user,
   if (flags != nullptr && (flags[0] & kWebLogin) == 0) return -1;
   larkpost::appliance::Session session;
   try {
-    if (sessions::Lookup(*ctx->db, session_id, ctx->timeout, ctx->refresh, &session) !=
+    if (sessions::Lookup(ctx->store, session_id, ctx->timeout, ctx->refresh, &session) !=
         sessions::Found::kLive) {
       return -1;
     }

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "appliance/system/appliance.h"
+#include "appliance/system/session_store.h"
 #include "platform/zevo/session.h"
 #include "tests/system/temp_root.h"
 
@@ -113,13 +114,20 @@ TEST_F(ZevoCgiTest, InitRefusesBadArgumentsAndMissingStores) {
   EXPECT_EQ(ZevoCgiInitEx(100, 2, "current.users", ""), nullptr);
 }
 
-TEST_F(ZevoCgiTest, DamagedStoreCannotBeOpened) {
+TEST_F(ZevoCgiTest, StoreThatIsNoFolderCannotBeOpened) {
+  ::remove((root_.path() + "/run/current.users/" + sessions::FileName(session_.id)).c_str());
+  ::remove((root_.path() + "/run/current.users").c_str());
   root_.Write("run/current.users", std::string(4096, 'x'));
-  ::remove((root_.path() + "/run/current.users-wal").c_str());
-  ::remove((root_.path() + "/run/current.users-shm").c_str());
   ZEVO_CGI_CTX* context = ZevoCgiInitEx(100, 1, "current.users", "");
   EXPECT_EQ(context, nullptr);
   ZevoCgiFree(context);
+}
+
+TEST_F(ZevoCgiTest, DamagedSessionIsAStoreFailure) {
+  root_.Write("run/current.users/" + sessions::FileName(session_.id), "larkpost-session 1\ntok");
+  EXPECT_EQ(Check(session_.id), -2);
+  EXPECT_STREQ(name_, "");
+  EXPECT_EQ(Check(std::string(64, '0')), -1);  // the others are still told apart
 }
 
 TEST(VexTimeoutTest, ComesFromTheConfiguration) {
