@@ -29,10 +29,24 @@ using ::larkpost::appliance::sqlite::Transaction;
 // <root>/mail/<uid>/larkpost.db
 std::string StorePath(uint32_t uid);
 
-// Opens the user's store with the core's settings (write-ahead log, 5 s busy
-// time-out, foreign keys). Without `create`, a missing store is an error.
-// Throws ::larkpost::appliance::sqlite::Error.
+// Opens a new connection to the user's store with the core's settings
+// (write-ahead log kept between connections, 5 s busy time-out, foreign
+// keys). Without `create`, a missing store is an error; with it, a missing
+// store (and its folder) is made. Throws ::larkpost::appliance::sqlite::Error,
+// or std::runtime_error when the folder cannot be made.
 std::unique_ptr<Database> Open(uint32_t uid, bool create);
+
+// The process's connection to the user's store: opened by the first caller
+// (with Open) and shared by every later one until CloseConnections(), so
+// that Controller::Impl and DBSetupHandler of one request open the store
+// once. Core operations run one after another on it, never nested: a
+// transaction cannot begin inside another. A failed open is not kept.
+// Throws as Open does.
+std::shared_ptr<Database> Connection(uint32_t uid, bool create);
+
+// Drops the shared connections; each closes when its last user lets go of
+// it. For tests and for code about to move or remove a store.
+void CloseConnections();
 
 // Writes "<unit>:<line> <text>" to the system log at error level.
 void LogError(const char* unit, int line, const std::string& text);
@@ -59,7 +73,7 @@ struct Controller::Impl {
   Impl(sdk::ZevoUser user, std::string session_id)
       : user(std::move(user)), session_id(std::move(session_id)) {}
 
-  // The user's store, opened on first use. Throws
+  // The user's store (store::Connection), taken on first use. Throws
   // ornic::Error(kErrorDatabase) when it does not exist or cannot be opened.
   store::Database& db();
 
@@ -67,7 +81,7 @@ struct Controller::Impl {
   std::string session_id;
 
  private:
-  std::unique_ptr<store::Database> db_;
+  std::shared_ptr<store::Database> db_;
 };
 
 }  // namespace ornic::larkpost::control

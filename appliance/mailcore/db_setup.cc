@@ -7,10 +7,10 @@
 #include <sys/stat.h>
 
 #include <exception>
+#include <memory>
 #include <string>
 
 #include "appliance/mailcore/controller_impl.h"
-#include "appliance/system/appliance.h"
 #include "platform/mailcore/zevo_user.h"
 
 namespace ornic::larkpost::db {
@@ -68,10 +68,12 @@ void Log(int line, const std::string& text) { store::LogError("db_setup", line, 
 DBSetupHandler::DBSetupHandler(uint32_t uid) : uid_(uid) {}
 
 bool DBSetupHandler::DoesDBExist() const {
+  // A user without a store (every user before the first request) costs one
+  // stat, not a failed open.
   struct stat info;
   if (stat(store::StorePath(uid_).c_str(), &info) != 0) return false;
   try {
-    return store::Open(uid_, false)->QueryInt("PRAGMA user_version") > 0;
+    return store::Connection(uid_, false)->QueryInt("PRAGMA user_version") > 0;
   } catch (const std::exception& e) {
     Log(__LINE__, e.what());
     return false;
@@ -84,22 +86,22 @@ bool DBSetupHandler::SetupDB() const {
       Log(__LINE__, "no user " + std::to_string(uid_));
       return false;
     }
-    std::string dir = ::larkpost::appliance::UserDir(uid_);
-    if (!::larkpost::appliance::MakeDirs(dir)) {
-      Log(__LINE__, "cannot create " + dir);
+    std::shared_ptr<store::Database> db = store::Connection(uid_, true);
+    auto too_new = [&](int64_t version) {
+      Log(__LINE__, store::StorePath(uid_) + " has schema " + std::to_string(version) +
+                        ", newer than this program's " + std::to_string(kNewestVersion));
       return false;
-    }
-    auto db = store::Open(uid_, true);
+    };
+    // The store of nearly every request is up to date: one read, no lock.
+    int64_t version = db->QueryInt("PRAGMA user_version");
+    if (version == kNewestVersion) return true;
+    if (version > kNewestVersion) return too_new(version);
     for (const Migration& migration : kMigrations) {
       store::Transaction transaction(*db);
-      // Read inside the transaction: another process may have run this
-      // step while we waited for the lock.
+      // Read again inside the transaction: another process may have run
+      // this step while we waited for the lock.
       int64_t current = db->QueryInt("PRAGMA user_version");
-      if (current > kNewestVersion) {
-        Log(__LINE__, store::StorePath(uid_) + " has schema " + std::to_string(current) +
-                          ", newer than this program's " + std::to_string(kNewestVersion));
-        return false;
-      }
+      if (current > kNewestVersion) return too_new(current);
       if (current >= migration.version) continue;
       db->Exec(migration.sql);
       db->Exec("PRAGMA user_version = " + std::to_string(migration.version));

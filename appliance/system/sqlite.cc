@@ -32,6 +32,14 @@ Database::Database(const std::string& path, const OpenOptions& options) : path_(
       }
     }
     if (options.foreign_keys) Exec("PRAGMA foreign_keys=ON");
+    if (options.keep_wal_files) {
+      int keep = 1;
+      sqlite3_file_control(db_, "main", SQLITE_FCNTL_PERSIST_WAL, &keep);
+      // A kept log is truncated to nothing when the last connection closes
+      // (and held to this size otherwise): a process that opens the store
+      // next has no old log to read through.
+      Exec("PRAGMA journal_size_limit=4194304");
+    }
   } catch (...) {
     sqlite3_close(db_);
     db_ = nullptr;

@@ -33,6 +33,10 @@ struct OpenOptions {
   bool wal = true;             // switch the file to write-ahead logging (not read-only)
   bool foreign_keys = false;   // enforce REFERENCES clauses
   int busy_timeout_ms = 5000;  // how long to wait for another process's lock
+  // Keep the -wal and -shm files when the last connection closes (the log
+  // is emptied instead of deleted), so that the next process to open the
+  // store does not create both again. Write-ahead logging only.
+  bool keep_wal_files = false;
 };
 
 class Database {

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <chrono>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -50,6 +52,8 @@ class CoreTest : public ::testing::Test {
     options.foreign_keys = true;
     return sqlite::Database(store::StorePath(uid_), options);
   }
+
+  ~CoreTest() override { store::CloseConnections(); }
 
   ::larkpost::testing::TempRoot root_;
   uint32_t uid_;
@@ -117,6 +121,59 @@ TEST_F(CoreTest, ControllerOpensTheStoreOnlyWhenUsed) {
   sqlite::Statement mode(controller.impl().db(), "PRAGMA journal_mode");
   ASSERT_TRUE(mode.Step());
   EXPECT_EQ(mode.Text(0), "wal");
+}
+
+TEST_F(CoreTest, OneConnectionPerUserServesControllersAndSetup) {
+  ASSERT_TRUE(db::DBSetupHandler(uid_).SetupDB());
+  control::Controller first(uid_);
+  control::Controller second(uid_, "sid");
+  EXPECT_EQ(&first.impl().db(), &second.impl().db());
+  EXPECT_EQ(&first.impl().db(), store::Connection(uid_, false).get());
+  uint32_t bob = UserStore::Add("bob", "pw", false, "localdomain");
+  ASSERT_TRUE(db::DBSetupHandler(bob).SetupDB());
+  EXPECT_NE(&control::Controller(bob).impl().db(), &first.impl().db());
+
+  // A controller keeps its connection when the shared ones are dropped.
+  store::Database& held = first.impl().db();
+  store::CloseConnections();
+  EXPECT_EQ(held.QueryInt("SELECT count(*) FROM mailbox"), 0);
+  EXPECT_NE(store::Connection(uid_, false).get(), &held);
+}
+
+TEST_F(CoreTest, WriteAheadLogFilesOutliveTheLastConnection) {
+  ASSERT_TRUE(db::DBSetupHandler(uid_).SetupDB());
+  {
+    control::Controller controller(uid_);
+    control::MailboxSyncer::CheckDefaultMailbox(controller);
+  }
+  store::CloseConnections();  // the last connection closes
+  struct stat wal;
+  ASSERT_EQ(stat((store::StorePath(uid_) + "-wal").c_str(), &wal), 0);
+  EXPECT_EQ(wal.st_size, 0);  // checkpointed and emptied, not deleted
+  EXPECT_TRUE(std::ifstream(store::StorePath(uid_) + "-shm").good());
+  EXPECT_EQ(Store().QueryInt("SELECT count(*) FROM mailbox"), constant::kBuiltinMailboxCount);
+}
+
+TEST_F(CoreTest, UpToDateStoreIsSetUpWithoutTakingTheWriteLock) {
+  ASSERT_TRUE(db::DBSetupHandler(uid_).SetupDB());
+  store::CloseConnections();
+  sqlite::Database writer = Store();
+  writer.Exec("PRAGMA busy_timeout = 0");
+  sqlite::Transaction busy(writer);  // another process in the middle of a change
+  auto start = std::chrono::steady_clock::now();
+  EXPECT_TRUE(db::DBSetupHandler(uid_).DoesDBExist());
+  EXPECT_TRUE(db::DBSetupHandler(uid_).SetupDB());
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+}
+
+TEST_F(CoreTest, LookingForAMissingStoreCreatesNothing) {
+  EXPECT_FALSE(db::DBSetupHandler(uid_).DoesDBExist());
+  EXPECT_FALSE(IsDir(::larkpost::appliance::UserDir(uid_)));
+  control::Controller controller(uid_);
+  EXPECT_EQ(CodeOf([&] { controller.impl().db(); }), kErrorDatabase);
+  EXPECT_FALSE(IsDir(::larkpost::appliance::UserDir(uid_)));
+  ASSERT_TRUE(db::DBSetupHandler(uid_).SetupDB());  // makes the folder it needs
+  EXPECT_TRUE(db::DBSetupHandler(uid_).DoesDBExist());
 }
 
 TEST_F(CoreTest, TransactionRollsBackUnlessCommitted) {
