@@ -23,13 +23,15 @@ Database::Database(const std::string& path, const OpenOptions& options) : path_(
   sqlite3_busy_timeout(db_, options.busy_timeout_ms);
   try {
     // Opening succeeds on any file; the first read tells whether it is a
-    // database at all.
-    QueryInt("PRAGMA schema_version");
+    // database at all. Switching to write-ahead logging reads the file
+    // header, so it is that read when there is a switch to make.
     if (options.wal && !options.read_only) {
       Statement mode(*this, "PRAGMA journal_mode=WAL");
       if (!mode.Step() || mode.Text(0) != "wal") {
         throw Error(SQLITE_ERROR, path + ": cannot switch to write-ahead logging");
       }
+    } else {
+      QueryInt("PRAGMA schema_version");
     }
     if (options.foreign_keys) Exec("PRAGMA foreign_keys=ON");
     if (options.keep_wal_files) {
