@@ -1,6 +1,6 @@
-// A plug-in for the host tests: handlers that answer, fail, throw and write
-// their own CGI answer, and a checker that refuses, so that every path
-// through entry.cgi can be driven from a test.
+// A plug-in for the host tests: handlers that answer, throw and write their
+// own CGI answer, and a checker that refuses, so that every path through
+// entry.cgi that needs a plug-in can be driven from a test.
 #include <cstdio>
 #include <fstream>
 #include <iterator>
@@ -16,9 +16,6 @@ namespace {
 // Everything the host told the plug-in about the request.
 void Echo(ZEVO::APIRequest* request, ZEVO::APIResponse* response) {
   Json::Value data(Json::objectValue);
-  data["api"] = request->GetAPIName();
-  data["version"] = request->GetAPIVersion();
-  data["method"] = request->GetAPIMethod();
   data["uid"] = request->GetLoginUID();
   data["user"] = request->GetLoginUserName();
   data["admin"] = request->IsAdmin();
@@ -36,15 +33,16 @@ void Echo(ZEVO::APIRequest* request, ZEVO::APIResponse* response) {
   response->SetSuccess(data);
 }
 
-void Fail(ZEVO::APIRequest*, ZEVO::APIResponse* response) {
-  Json::Value data(Json::objectValue);
-  data["why"] = "asked to";
-  response->SetError(42, data);
+// Both throw after they began an answer; ornic::Error is no std::exception.
+void ThrowCore(ZEVO::APIRequest*, ZEVO::APIResponse* response) {
+  response->SetSuccess(Json::Value("half done"));
+  throw ornic::Error(503);
 }
 
-void ThrowCore(ZEVO::APIRequest*, ZEVO::APIResponse*) { throw ornic::Error(503); }
-
-void ThrowStd(ZEVO::APIRequest*, ZEVO::APIResponse*) { throw std::runtime_error("boom"); }
+void ThrowStd(ZEVO::APIRequest*, ZEVO::APIResponse* response) {
+  response->SetError(42, Json::Value("half done"));
+  throw std::runtime_error("boom");
+}
 
 void Raw(ZEVO::APIRequest*, ZEVO::APIResponse* response) {
   response->SetEnableOutput(false);
@@ -52,14 +50,9 @@ void Raw(ZEVO::APIRequest*, ZEVO::APIResponse* response) {
 }
 
 // Output off, then an exception: only the log can tell.
-void RawThenThrow(ZEVO::APIRequest*, ZEVO::APIResponse* response) {
-  response->SetEnableOutput(false);
-  std::fputs("Status: 404 Not Found\r\n\r\n", stdout);
+void RawThenThrow(ZEVO::APIRequest* request, ZEVO::APIResponse* response) {
+  Raw(request, response);
   throw std::runtime_error("after the answer");
-}
-
-void Reached(ZEVO::APIRequest*, ZEVO::APIResponse* response) {
-  response->SetSuccess(Json::Value("handler ran"));
 }
 
 // Lets the request through only when "ok" is true.
@@ -79,13 +72,11 @@ TEST_EXPORT extern const ZEVO::APICheckEntry gCheckTable[];
 
 const ZEVO::APITableEntry gTable[] = {
     {"ZEVO.Test.Echo", 1, "echo", Echo},
-    {"ZEVO.Test.Echo", 1, "fail", Fail},
     {"ZEVO.Test.Echo", 1, "throw_core", ThrowCore},
     {"ZEVO.Test.Echo", 1, "throw_std", ThrowStd},
     {"ZEVO.Test.Echo", 1, "raw", Raw},
     {"ZEVO.Test.Echo", 1, "raw_then_throw", RawThenThrow},
-    {"ZEVO.Test.Echo", 1, "checked", Reached},
-    {"ZEVO.Test.Echo", 2, "echo", Echo},
+    {"ZEVO.Test.Echo", 1, "checked", Echo},
     {"ZEVO.Test.Admin", 1, "echo", Echo},
     // The last row: the host must see it although nothing marks the end.
     {"ZEVO.Test.Custom", 1, "echo", Echo},
