@@ -21,8 +21,9 @@ port=$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); pr
 # The baseline is served by the same lighttpd, next to entry.cgi.
 mkdir -p "$root/etc/lighttpd.d"
 cat >"$root/etc/lighttpd.d/bench.conf" <<CONF
-alias.url += ( "/bench/fixed_answer.cgi" => "$bin/fixed_answer.cgi" )
-\$HTTP["url"] =~ "^/bench/fixed_answer\\.cgi\$" { cgi.assign = ( ".cgi" => "" ) }
+alias.url += ( "/bench/fixed_answer.cgi" => "$bin/fixed_answer.cgi",
+               "/bench/fixed_answer_cpp.cgi" => "$bin/fixed_answer_cpp.cgi" )
+\$HTTP["url"] =~ "^/bench/fixed_answer(_cpp)?\\.cgi\$" { cgi.assign = ( ".cgi" => "" ) }
 CONF
 "$bin/larkpostctl" --root "$root" serve --listen "127.0.0.1:$port" &
 server=$!
@@ -32,18 +33,24 @@ sid=$(curl -s -d account=bench -d passwd=bench "http://127.0.0.1:$port/webapi/au
   sed -E 's/.*"sid":"([0-9a-f]+)".*/\1/')
 getinfo="http://127.0.0.1:$port/webapi/entry.cgi?api=ZEVO.Larkpost.Info&version=1&method=getinfo&_sid=$sid"
 fixed="http://127.0.0.1:$port/bench/fixed_answer.cgi"
+fixed_cpp="http://127.0.0.1:$port/bench/fixed_answer_cpp.cgi"
 # The first call creates the store; the measured ones find it.
 curl -s "$getinfo" | grep -q '"database_ready":true' || { echo "getinfo failed"; exit 1; }
-curl -s "$fixed" | grep -q '"success":true' || { echo "baseline failed"; exit 1; }
+for url in "$fixed" "$fixed_cpp"; do
+  curl -s "$url" | grep -q '"success":true' || { echo "baseline $url failed"; exit 1; }
+done
 
 median() {  # wrk's 50th percentile, in microseconds
   wrk -t1 -c1 -d"${seconds}s" --latency "$1" | awk '
     $1 == "50%" { v = $2; u = v; gsub(/[0-9.]/, "", u); gsub(/[a-z]/, "", v);
                   if (u == "ms") v *= 1000; else if (u == "s") v *= 1000000; print v }'
 }
+ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", a / b }'; }
 fixed_us=$(median "$fixed")
+fixed_cpp_us=$(median "$fixed_cpp")
 getinfo_us=$(median "$getinfo")
-ratio=$(awk -v a="$getinfo_us" -v b="$fixed_us" 'BEGIN { printf "%.2f", a / b }')
-echo "fixed answer CGI: median ${fixed_us} us"
-echo "getinfo:          median ${getinfo_us} us"
-echo "ratio:            ${ratio} (target: at most 2)"
+echo "fixed answer CGI (C):   median ${fixed_us} us"
+echo "fixed answer CGI (C++): median ${fixed_cpp_us} us"
+echo "getinfo:                median ${getinfo_us} us"
+echo "ratio to the C baseline:   $(ratio "$getinfo_us" "$fixed_us") (target: at most 2)"
+echo "ratio to the C++ baseline: $(ratio "$getinfo_us" "$fixed_cpp_us")"

@@ -109,7 +109,7 @@ size_t AppendHeader(char* data, size_t size, size_t count, void* out) {
 }  // namespace
 
 std::string BinDir() { return EnvOr("LARKPOST_BIN", "build/bin"); }
-std::string LibDir() { return EnvOr("LARKPOST_LIB", "build/lib"); }
+std::string LibDir() { return BinDir() + "/../lib"; }
 
 ProcessResult RunProcess(const std::vector<std::string>& argv,
                          const std::map<std::string, std::string>& env_in,
