@@ -22,7 +22,7 @@ extern char** environ;
 namespace larkpost::cgi {
 namespace {
 
-constexpr size_t kReadChunk = 64 * 1024;
+constexpr size_t kReadChunk = size_t{64} * 1024;
 
 int HexDigit(char c) {
   if (c >= '0' && c <= '9') return c - '0';

@@ -72,7 +72,7 @@ class TempFile {
 
 struct FormOptions {
   // Bodies longer than this are refused (107) before a byte is read.
-  int64_t max_body = 64 * 1024 * 1024;
+  int64_t max_body = int64_t{64} * 1024 * 1024;
   // Where a multipart file part is stored; empty refuses file parts.
   std::string upload_dir;
   // False for the login program: passwords must never travel in a URL.

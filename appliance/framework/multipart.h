@@ -31,7 +31,7 @@ class MultipartSink {
 class MultipartParser {
  public:
   // Longest header block of one part that is accepted.
-  static constexpr size_t kMaxHeaderBytes = 16 * 1024;
+  static constexpr size_t kMaxHeaderBytes = size_t{16} * 1024;
 
   // `boundary` without the leading "--". The sink must outlive the parser.
   MultipartParser(std::string_view boundary, MultipartSink* sink);

@@ -17,13 +17,13 @@ namespace larkpost::appliance {
 const std::string& DataRoot();
 
 // Well-known places below the data root. None of them is created here.
-std::string EtcDir();                   // <root>/etc
-std::string ConfigPath();               // <root>/etc/larkpost.json
-std::string UsersDbPath();              // <root>/etc/users.db
-std::string RunDir();                   // <root>/run (session store)
-std::string LogDir();                   // <root>/log
-std::string UploadDir();                // <root>/tmp/upload (uploads in flight)
-std::string UserDir(uint32_t uid);      // <root>/mail/<uid>
+std::string EtcDir();                          // <root>/etc
+std::string ConfigPath();                      // <root>/etc/larkpost.json
+std::string UsersDbPath();                     // <root>/etc/users.db
+std::string RunDir();                          // <root>/run (session store)
+std::string LogDir();                          // <root>/log
+std::string UploadDir();                       // <root>/tmp/upload (uploads in flight)
+std::string UserDir(uint32_t uid);             // <root>/mail/<uid>
 std::string HomeDir(const std::string& name);  // <root>/homes/<name>
 
 // Creates `path` and its missing parents (mode 0700 for new folders).
@@ -39,11 +39,11 @@ struct Config {
       {"smtp_enabled", "no"}, {"smtp_hostname", ""}, {"fts_enabled", "yes"}};
   std::string relay_host = "127.0.0.1";  // outgoing relay of the local server
   int relay_port = 25;
-  std::map<std::string, std::string> shares;  // share name -> directory
-  int session_timeout = 1800;                 // seconds of inactivity
-  std::string program_prefix;                 // where "/usr/zevo/..." programs live
-  int login_failure_delay_ms = 1000;          // answer delay after a failed login
-  int64_t max_request_size = 64 * 1024 * 1024;  // request body limit, bytes
+  std::map<std::string, std::string> shares;             // share name -> directory
+  int session_timeout = 1800;                            // seconds of inactivity
+  std::string program_prefix;                            // where "/usr/zevo/..." programs live
+  int login_failure_delay_ms = 1000;                     // answer delay after a failed login
+  int64_t max_request_size = int64_t{64} * 1024 * 1024;  // request body limit, bytes
 };
 
 // The configuration, read once per process. Throws std::runtime_error when

@@ -116,7 +116,8 @@ void Purge(const std::string& store, int timeout, int64_t now) {
   if (dir == nullptr) return;
   std::vector<std::string> names;
   while (const dirent* entry = readdir(dir)) {
-    if (IsLowerHex(entry->d_name, 2 * crypto_generichash_BYTES) || IsTemporaryName(entry->d_name)) {
+    if (IsLowerHex(entry->d_name, size_t{2} * crypto_generichash_BYTES) ||
+        IsTemporaryName(entry->d_name)) {
       names.emplace_back(entry->d_name);
     }
   }
