@@ -3,12 +3,16 @@
 
 #include <json/value.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "platform/export.h"
 
 namespace ornic::util {
+
+template <typename T>
+using optional = std::optional<T>;
 
 // The elements of a JSON array that are of type T, in order; elements of
 // another type (and every element of a value that is not an array) are left
@@ -27,5 +31,9 @@ extern template Json::Value VectorToJsonArray<std::string>(const std::vector<std
 // What follows the last `separator` in `text`; all of `text` when it holds
 // none.
 ZEVO_PLATFORM_API std::string GetSubstrAfterLast(const std::string& text, char separator);
+
+// `text` without leading and trailing white space (blank, tab, CR, LF, FF,
+// VT).
+ZEVO_PLATFORM_API std::string Trim(const std::string& text);
 
 }  // namespace ornic::util

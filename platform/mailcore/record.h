@@ -1,0 +1,129 @@
+// The core's stored records, as values. A record that a lookup did not find
+// is "not valid" (id 0); counts that were not asked for are negative.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/export.h"
+#include "platform/mailcore/constant.h"
+
+namespace ornic::larkpost::record {
+
+struct ZEVO_PLATFORM_API Attachment {
+  int32_t id = 0;
+  int32_t size = 0;  // bytes of the decoded content
+  std::string mimetype;
+  std::string name;        // file name, never with a directory part
+  std::string content_id;  // MIME Content-ID without angle brackets, "" when none
+  bool is_inline = false;  // shown inside the HTML body rather than listed
+};
+
+// Content-ID -> (attachment name, attachment id) of a message's inline parts.
+using InlineImageMap = std::map<std::string, std::pair<std::string, int>>;
+
+class ZEVO_PLATFORM_API Message {
+ public:
+  bool IsValid() const;  // id > 0
+  const InlineImageMap& InlineImageMapping() const;
+
+  int32_t id = 0;
+  int32_t type = 0;  // 1: a draft
+  bool read = false;
+  int32_t star = 0;
+  std::string from;  // the From header as text (decoded), e.g. "Ann <ann@example.org>"
+  std::string subject;
+  std::string body_preview;  // the first characters of the text
+  int64_t arrival_time = 0;  // Unix seconds
+  int64_t last_modified = 0;
+  int32_t reply_to = 0;  // a draft: the id of the message it answers
+  int32_t mailbox_id = 0;
+  int32_t thread_id = 0;
+  std::vector<Attachment> attachments;
+  std::string rfc_message_id;  // Message-ID without angle brackets
+  InlineImageMap inline_images;
+};
+
+// A message with its recipients and bodies.
+class ZEVO_PLATFORM_API FullMessage : public Message {
+ public:
+  std::vector<std::string> to;
+  std::vector<std::string> cc;
+  std::vector<std::string> bcc;
+  std::string plain_body;  // UTF-8
+  std::string html_body;   // UTF-8, as received (not normalised)
+};
+
+struct ZEVO_PLATFORM_API Label {
+  int32_t id = 0;
+  std::string name;  // display name
+  std::string key;   // stable key text (filters store it); never changes
+  std::string text_color;
+  std::string background_color;
+  int32_t unread_count = -1;  // unread messages in threads with the label
+};
+
+class ZEVO_PLATFORM_API Thread {
+ public:
+  int32_t MaxStar() const;             // highest star among its messages
+  int32_t UnreadMessageCount() const;  // its unread messages, drafts included
+
+  int32_t id = 0;
+  int64_t last_modified = 0;
+  std::vector<Message> messages;  // oldest first, drafts included
+  std::vector<Label> labels;
+};
+
+class ZEVO_PLATFORM_API Mailbox {
+ public:
+  bool IsValid() const;  // id > 0
+  // The path as UTF-8 ("Work/Été"), decoded from the stored IMAP modified
+  // UTF-7 path ("Work/&AMk-t&AOk-"); a path that is not valid modified UTF-7
+  // is returned as it is.
+  std::string UTF8MailboxPath() const;
+
+  int32_t id = 0;
+  int32_t parent_id = 0;  // 0: top level
+  std::string path;       // raw path, IMAP modified UTF-7, "/" between levels
+  bool subscribed = true;
+  int32_t unread_count = -1;  // unread messages (drafts not counted)
+  int32_t total_count = -1;   // all messages, drafts included
+};
+
+struct ZEVO_PLATFORM_API Condition {
+  constant::ConditionKey key = constant::kConditionKeyword;
+  std::string name;   // the keyword ("from")
+  std::string value;  // the operand as text
+  bool negate = false;
+};
+
+class ZEVO_PLATFORM_API ConditionSet {
+ public:
+  // Appends a condition; its keyword name follows from `key`.
+  void AddCondition(constant::ConditionKey key, const std::string& value, bool negate);
+
+  std::vector<Condition> conditions;
+  bool match_any = false;  // false: a message meets every condition; true: any
+};
+
+class ZEVO_PLATFORM_API Action {
+ public:
+  // A kind, and for set_label / remove_label / move_to / redirect a
+  // non-empty text; set_read and set_star need "true" or "false".
+  bool IsValid() const;
+
+  constant::ActionKind kind = constant::kActionNone;
+  std::string value;
+};
+
+class ZEVO_PLATFORM_API ActionSet {
+ public:
+  void AddAction(Action action);
+
+  std::vector<Action> actions;
+};
+
+}  // namespace ornic::larkpost::record
