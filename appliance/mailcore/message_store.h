@@ -1,0 +1,55 @@
+// Storing new messages: what delivery, import and (later) drafts hand to the
+// store. Private to the appliance: the plug-in never sees it.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "platform/mailcore/controller.h"
+
+namespace ornic::larkpost::store {
+
+struct NewAttachment {
+  std::string name;        // safe file name: no "/", "\\", NUL; never "." or ".."
+  std::string mimetype;    // "application/pdf"
+  std::string content_id;  // without angle brackets; "" when none
+  bool is_inline = false;  // an inline part referred to by the HTML body
+  int64_t size = 0;        // bytes of the decoded content
+  // Where the part is in the message source, so that its content can be
+  // decoded again on demand: the MIME part numbers joined by "." ("2",
+  // "1.3"), as GMime's part iterator numbers them.
+  std::string part_path;
+};
+
+struct NewMessage {
+  int mailbox_id = 1;  // the inbox
+  int type = 0;        // 1: a draft
+  bool read = false;
+  int star = 0;
+  int64_t arrival_time = 0;  // Unix seconds
+  std::string from;          // decoded header text, "Ann <ann@example.org>"
+  std::vector<std::string> to, cc, bcc;  // one address text each, decoded
+  std::string subject;                   // decoded
+  std::string rfc_message_id;            // without angle brackets
+  std::string in_reply_to;               // without angle brackets
+  std::vector<std::string> references;   // without angle brackets, oldest first
+  std::string plain_body;                // UTF-8
+  std::string html_body;                 // UTF-8, as received
+  std::string body_preview;              // the first 200 characters of the text
+  std::vector<NewAttachment> attachments;
+  std::string raw;  // the source as received, byte for byte
+};
+
+// Stores the message in its mailbox and thread (by Message-ID, In-Reply-To
+// and References, else by normalised subject), with its full-text entry and
+// the mailbox counters, in one transaction. Returns the new message id.
+// Throws ornic::Error(kErrorInvalidArgument) for an unknown or virtual
+// mailbox, ornic::Error(kErrorDatabase) when the store fails.
+int InsertMessage(control::Controller& controller, const NewMessage& message);
+
+// The same for many messages in one transaction (import): all or none.
+std::vector<int> InsertMessages(control::Controller& controller,
+                                const std::vector<NewMessage>& messages);
+
+}  // namespace ornic::larkpost::store
