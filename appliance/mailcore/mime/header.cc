@@ -1,0 +1,639 @@
+#include "appliance/mailcore/mime/header.h"
+
+#include <strings.h>
+
+#include <cctype>
+#include <string>
+#include <vector>
+
+#include "appliance/mailcore/mime/charset.h"
+
+namespace ornic::larkpost::mime {
+namespace {
+
+bool IsBlank(char c) { return c == ' ' || c == '\t'; }
+bool IsSpace(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
+
+std::string TrimBlanks(const std::string& text) {
+  size_t begin = 0, end = text.size();
+  while (begin < end && IsSpace(text[begin])) ++begin;
+  while (end > begin && IsSpace(text[end - 1])) --end;
+  return text.substr(begin, end - begin);
+}
+
+std::string Lower(std::string text) {
+  for (char& c : text) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+  return text;
+}
+
+// One logical line: CR dropped, a line break followed by a blank joined to
+// the line before, any other line break a blank.
+std::string Unfold(const std::string& raw) {
+  std::string out;
+  out.reserve(raw.size());
+  for (size_t i = 0; i < raw.size(); ++i) {
+    char c = raw[i];
+    if (c == '\r') continue;
+    if (c == '\n') {
+      size_t next = i + 1;
+      while (next < raw.size() && raw[next] == '\r') ++next;
+      if (next < raw.size() && IsBlank(raw[next])) continue;
+      out += ' ';
+      continue;
+    }
+    out += c;
+  }
+  return out;
+}
+
+// The end of the line that starts at `begin` (the index of its '\n', or the
+// end of `source`).
+size_t LineEnd(const std::string& source, size_t begin) {
+  size_t end = source.find('\n', begin);
+  return end == std::string::npos ? source.size() : end;
+}
+
+bool IsBlankLine(const std::string& source, size_t begin, size_t end) {
+  return end == begin || (end == begin + 1 && source[begin] == '\r');
+}
+
+// The length of the field name at `begin` (up to its colon), 0 when the
+// line does not start a header field.
+size_t FieldNameLength(const std::string& source, size_t begin, size_t end) {
+  size_t i = begin;
+  while (i < end && source[i] > ' ' && source[i] < 127 && source[i] != ':') ++i;
+  size_t name_end = i;
+  while (i < end && IsBlank(source[i])) ++i;  // "Subject : x" happens
+  if (name_end == begin || i == end || source[i] != ':') return 0;
+  return name_end - begin;
+}
+
+// ------------------------------------------------------------ encoded words
+
+int HexValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+int Base64Value(char c) {
+  if (c >= 'A' && c <= 'Z') return c - 'A';
+  if (c >= 'a' && c <= 'z') return c - 'a' + 26;
+  if (c >= '0' && c <= '9') return c - '0' + 52;
+  if (c == '+') return 62;
+  if (c == '/') return 63;
+  return -1;
+}
+
+// Lenient: characters outside the alphabet are skipped; padding ends it.
+std::string DecodeBase64(const std::string& text) {
+  std::string out;
+  uint32_t bits = 0;
+  int count = 0;
+  for (char c : text) {
+    if (c == '=') break;
+    int value = Base64Value(c);
+    if (value < 0) continue;
+    bits = (bits << 6) | static_cast<uint32_t>(value);
+    count += 6;
+    if (count >= 8) {
+      count -= 8;
+      out += static_cast<char>((bits >> count) & 0xFF);
+    }
+  }
+  return out;
+}
+
+std::string DecodeQ(const std::string& text) {
+  std::string out;
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == '_') {
+      out += ' ';
+    } else if (text[i] == '=' && i + 2 < text.size() && HexValue(text[i + 1]) >= 0 &&
+               HexValue(text[i + 2]) >= 0) {
+      out += static_cast<char>(HexValue(text[i + 1]) * 16 + HexValue(text[i + 2]));
+      i += 2;
+    } else {
+      out += text[i];
+    }
+  }
+  return out;
+}
+
+struct EncodedWord {
+  std::string charset;  // lower case, language removed
+  std::string bytes;    // decoded, still in `charset`
+  size_t end = 0;       // index after "?="
+};
+
+// Reads "=?charset?B|Q?text?=" at text[begin]; false when there is none.
+bool ReadEncodedWord(const std::string& text, size_t begin, EncodedWord* word) {
+  if (text.compare(begin, 2, "=?") != 0) return false;
+  size_t charset_end = text.find('?', begin + 2);
+  if (charset_end == std::string::npos || charset_end == begin + 2) return false;
+  if (charset_end + 2 >= text.size() || text[charset_end + 2] != '?') return false;
+  char encoding = static_cast<char>(toupper(static_cast<unsigned char>(text[charset_end + 1])));
+  if (encoding != 'B' && encoding != 'Q') return false;
+  size_t payload = charset_end + 3;
+  size_t close = text.find("?=", payload);
+  if (close == std::string::npos) return false;
+  std::string charset = text.substr(begin + 2, charset_end - begin - 2);
+  for (char c : charset) {
+    if (IsSpace(c)) return false;
+  }
+  std::string encoded = text.substr(payload, close - payload);
+  if (encoding == 'B') {
+    for (char c : encoded) {
+      if (IsSpace(c)) return false;
+    }
+  }
+  size_t star = charset.find('*');  // RFC 2231 language: "utf-8*en"
+  if (star != std::string::npos) charset.erase(star);
+  word->charset = Lower(charset);
+  word->bytes = encoding == 'B' ? DecodeBase64(encoded) : DecodeQ(encoded);
+  word->end = close + 2;
+  return true;
+}
+
+// Control characters as blanks, NUL gone.
+std::string CleanControls(const std::string& text) {
+  std::string out;
+  out.reserve(text.size());
+  for (char c : text) {
+    auto b = static_cast<unsigned char>(c);
+    if (b == 0) continue;
+    out += (b < 0x20 || b == 0x7F) ? ' ' : c;
+  }
+  return out;
+}
+
+std::string CollapseBlanks(const std::string& text) {
+  std::string out;
+  for (char c : text) {
+    if (IsSpace(c)) {
+      if (!out.empty() && out.back() != ' ') out += ' ';
+    } else {
+      out += c;
+    }
+  }
+  if (!out.empty() && out.back() == ' ') out.pop_back();
+  return out;
+}
+
+// ------------------------------------------------------------------ phrases
+
+// Reads a quoted string that starts at text[*i] == '"'; *i ends after its
+// closing quote (or at the end of a string that never closes).
+std::string ReadQuoted(const std::string& text, size_t* i) {
+  std::string out;
+  for (++*i; *i < text.size(); ++*i) {
+    char c = text[*i];
+    if (c == '\\' && *i + 1 < text.size()) {
+      out += text[++*i];
+    } else if (c == '"') {
+      ++*i;
+      return out;
+    } else {
+      out += c;
+    }
+  }
+  return out;
+}
+
+// Reads a (possibly nested) comment that starts at text[*i] == '('.
+std::string ReadComment(const std::string& text, size_t* i) {
+  std::string out;
+  int depth = 0;
+  for (; *i < text.size(); ++*i) {
+    char c = text[*i];
+    if (c == '\\' && *i + 1 < text.size()) {
+      out += text[++*i];
+    } else if (c == '(') {
+      if (depth++ > 0) out += c;
+    } else if (c == ')') {
+      if (--depth == 0) {
+        ++*i;
+        return out;
+      }
+      out += c;
+    } else {
+      out += c;
+    }
+  }
+  return out;
+}
+
+bool NeedsQuotes(const std::string& name) {
+  for (char c : name) {
+    if (std::string(",;<>@:\"()[]\\").find(c) != std::string::npos) return true;
+  }
+  return false;
+}
+
+std::string DisplayText(const std::string& name, const std::string& address) {
+  if (name.empty()) return address;
+  std::string shown = name;
+  if (NeedsQuotes(name)) {
+    shown = "\"";
+    for (char c : name) {
+      if (c == '"' || c == '\\') shown += '\\';
+      shown += c;
+    }
+    shown += '"';
+  }
+  return address.empty() ? shown : shown + " <" + address + ">";
+}
+
+// An address without blanks, without a source route ("@relay:ann@x").
+std::string CleanAddress(const std::string& raw) {
+  std::string address;
+  for (char c : raw) {
+    if (!IsSpace(c)) address += c;
+  }
+  size_t route = address.rfind(':');
+  if (route != std::string::npos && address[0] == '@') address.erase(0, route + 1);
+  return ToUtf8(CleanControls(address), "");
+}
+
+// ------------------------------------------------------------ file names
+
+// Decodes the UTF-8 sequence at text[*i] (valid UTF-8 assumed) and moves
+// past it.
+char32_t NextCodePoint(const std::string& text, size_t* i) {
+  auto b = static_cast<unsigned char>(text[*i]);
+  size_t length = b < 0x80 ? 1 : b < 0xE0 ? 2 : b < 0xF0 ? 3 : 4;
+  char32_t c = length == 1 ? b : length == 2 ? (b & 0x1F) : length == 3 ? (b & 0x0F) : (b & 0x07);
+  for (size_t k = 1; k < length && *i + k < text.size(); ++k) {
+    c = (c << 6) | (static_cast<unsigned char>(text[*i + k]) & 0x3F);
+  }
+  *i += length;
+  return c;
+}
+
+bool IsUnsafeInName(char32_t c) {
+  return c < 0x20 || (c >= 0x7F && c <= 0x9F) ||  // controls, NUL among them
+         (c >= 0x200E && c <= 0x200F) ||          // direction marks
+         (c >= 0x202A && c <= 0x202E) ||          // embeddings and overrides
+         (c >= 0x2066 && c <= 0x2069);            // isolates
+}
+
+std::string ExtensionFor(const std::string& mimetype) {
+  static const std::map<std::string, std::string> kExtensions = {
+      {"text/plain", ".txt"},
+      {"text/html", ".html"},
+      {"text/calendar", ".ics"},
+      {"text/csv", ".csv"},
+      {"text/xml", ".xml"},
+      {"image/jpeg", ".jpg"},
+      {"image/png", ".png"},
+      {"image/gif", ".gif"},
+      {"image/webp", ".webp"},
+      {"image/bmp", ".bmp"},
+      {"image/tiff", ".tif"},
+      {"image/svg+xml", ".svg"},
+      {"audio/mpeg", ".mp3"},
+      {"video/mp4", ".mp4"},
+      {"message/rfc822", ".eml"},
+      {"application/pdf", ".pdf"},
+      {"application/zip", ".zip"},
+      {"application/gzip", ".gz"},
+      {"application/json", ".json"},
+      {"application/xml", ".xml"},
+      {"application/ics", ".ics"},
+      {"application/msword", ".doc"},
+      {"application/vnd.ms-excel", ".xls"},
+      {"application/vnd.ms-powerpoint", ".ppt"},
+      {"application/vnd.openxmlformats-officedocument.wordprocessingml.document", ".docx"},
+      {"application/vnd.openxmlformats-officedocument.spreadsheetml.sheet", ".xlsx"},
+      {"application/vnd.openxmlformats-officedocument.presentationml.presentation", ".pptx"},
+      {"application/pgp-signature", ".asc"},
+      {"application/pgp-encrypted", ".asc"},
+      {"application/pkcs7-signature", ".p7s"},
+      {"application/octet-stream", ".bin"},
+  };
+  auto it = kExtensions.find(mimetype);
+  return it == kExtensions.end() ? "" : it->second;
+}
+
+}  // namespace
+
+// ------------------------------------------------------------- header block
+
+const std::string* HeaderBlock::Find(const std::string& name) const {
+  for (const HeaderField& field : fields) {
+    if (strcasecmp(field.name.c_str(), name.c_str()) == 0) return &field.value;
+  }
+  return nullptr;
+}
+
+std::vector<std::string> HeaderBlock::FindAll(const std::string& name) const {
+  std::vector<std::string> values;
+  for (const HeaderField& field : fields) {
+    if (strcasecmp(field.name.c_str(), name.c_str()) == 0) values.push_back(field.value);
+  }
+  return values;
+}
+
+HeaderBlock ScanHeaders(const std::string& source) {
+  HeaderBlock block;
+  size_t begin = 0;
+  if (source.compare(0, 5, "From ") == 0) begin = std::min(LineEnd(source, 0) + 1, source.size());
+  bool in_garbage = false;  // continuation lines of a skipped line are skipped too
+  bool first = true;
+  while (begin < source.size()) {
+    size_t end = LineEnd(source, begin);
+    size_t next = std::min(end + 1, source.size());
+    if (IsBlankLine(source, begin, end)) {
+      block.body_offset = next;
+      return block;
+    }
+    if (IsBlank(source[begin])) {
+      if (!block.fields.empty() && !in_garbage) {
+        block.fields.back().value.append(source, begin - 1, next - begin + 1);
+      }
+    } else if (size_t length = FieldNameLength(source, begin, end)) {
+      size_t colon = source.find(':', begin + length);
+      block.fields.push_back(
+          {source.substr(begin, length), source.substr(colon + 1, end - colon - 1)});
+      in_garbage = false;
+    } else if (first) {
+      // Not a message with a header: all of it is body.
+      block.body_offset = 0;
+      return block;
+    } else {
+      in_garbage = true;
+    }
+    first = false;
+    begin = next;
+  }
+  block.body_offset = source.size();
+  return block;
+}
+
+std::string FieldValueAt(const std::string& source, size_t offset, const std::string& name) {
+  if (offset >= source.size() || source.size() - offset < name.size() ||
+      strncasecmp(source.c_str() + offset, name.c_str(), name.size()) != 0) {
+    return "";
+  }
+  size_t end = LineEnd(source, offset);
+  size_t colon = offset + name.size();
+  while (colon < end && IsBlank(source[colon])) ++colon;
+  if (colon >= end || source[colon] != ':') return "";
+  std::string value = source.substr(colon + 1, end - colon - 1);
+  for (size_t begin = end + 1; begin < source.size() && IsBlank(source[begin]);) {
+    end = LineEnd(source, begin);
+    value += '\n';
+    value.append(source, begin, end - begin);
+    begin = end + 1;
+  }
+  return value;
+}
+
+// ----------------------------------------------------------- decoded texts
+
+std::string DecodeHeaderText(const std::string& raw) {
+  std::string text = Unfold(raw);
+  std::string out;
+  std::string plain;  // text since the last encoded word
+  bool have_word = false;
+  std::string word_charset, word_bytes;  // encoded words not yet decoded
+  auto flush_word = [&] {
+    if (have_word) out += ToUtf8(word_bytes, word_charset);
+    have_word = false;
+    word_bytes.clear();
+  };
+  for (size_t i = 0; i < text.size();) {
+    EncodedWord word;
+    if (text[i] != '=' || !ReadEncodedWord(text, i, &word)) {
+      plain += text[i++];
+      continue;
+    }
+    // Blanks between two encoded words are not part of the text.
+    bool only_blanks = plain.find_first_not_of(" \t") == std::string::npos;
+    if (have_word && only_blanks && word.charset == word_charset) {
+      word_bytes += word.bytes;
+    } else {
+      bool between_words = have_word && only_blanks;
+      flush_word();
+      if (!between_words) out += ToUtf8(plain, "");
+      have_word = true;
+      word_charset = word.charset;
+      word_bytes = word.bytes;
+    }
+    plain.clear();
+    i = word.end;
+  }
+  flush_word();
+  out += ToUtf8(plain, "");
+  return TrimBlanks(CleanControls(out));
+}
+
+std::vector<std::string> ParseAddressList(const std::string& raw) {
+  std::string text = Unfold(raw);
+  std::vector<std::string> list;
+  std::string phrase, address, comment;
+  bool angle = false;
+  auto finish = [&] {
+    std::string name = CollapseBlanks(DecodeHeaderText(phrase));
+    if (angle) {
+      std::string clean = CleanAddress(address);
+      if (name.empty()) name = CollapseBlanks(DecodeHeaderText(comment));
+      if (!clean.empty() || !name.empty()) list.push_back(DisplayText(name, clean));
+    } else if (!name.empty()) {
+      // A bare address ("ann@example.org (Ann)"), or a name with no address.
+      if (name.find('@') != std::string::npos) {
+        list.push_back(
+            DisplayText(CollapseBlanks(DecodeHeaderText(comment)), CleanAddress(phrase)));
+      } else {
+        list.push_back(name);
+      }
+    }
+    phrase.clear();
+    address.clear();
+    comment.clear();
+    angle = false;
+  };
+  for (size_t i = 0; i < text.size();) {
+    char c = text[i];
+    if (c == '"') {
+      // Its specials (",", ":") are text; encoded words in it are decoded
+      // with the rest of the phrase, as many senders expect.
+      phrase += ReadQuoted(text, &i);
+    } else if (c == '(') {
+      std::string inner = ReadComment(text, &i);
+      if (comment.empty()) comment = inner;
+      phrase += ' ';
+    } else if (c == '<') {
+      size_t close = text.find('>', i + 1);
+      if (close == std::string::npos) close = text.size();
+      address = text.substr(i + 1, close - i - 1);
+      angle = true;
+      i = std::min(close + 1, text.size());
+    } else if (c == ',' || c == ';') {
+      finish();
+      ++i;
+    } else if (c == ':' && !angle) {
+      phrase.clear();  // a group's name
+      comment.clear();
+      ++i;
+    } else {
+      phrase += c;
+      ++i;
+    }
+  }
+  finish();
+  return list;
+}
+
+std::vector<std::string> ParseMessageIds(const std::string& raw) {
+  std::string text = Unfold(raw);
+  std::vector<std::string> ids;
+  bool angles = false;
+  for (size_t open = text.find('<'); open != std::string::npos; open = text.find('<', open + 1)) {
+    size_t close = text.find('>', open + 1);
+    if (close == std::string::npos) break;
+    angles = true;
+    std::string id;
+    for (size_t k = open + 1; k < close; ++k) {
+      if (!IsSpace(text[k])) id += text[k];
+    }
+    if (!id.empty()) ids.push_back(ToUtf8(CleanControls(id), ""));
+    open = close;
+  }
+  if (angles) return ids;
+  std::string word;
+  for (size_t i = 0; i <= text.size(); ++i) {
+    if (i == text.size() || IsSpace(text[i]) || text[i] == ',') {
+      if (!word.empty()) ids.push_back(ToUtf8(CleanControls(word), ""));
+      word.clear();
+    } else {
+      word += text[i];
+    }
+  }
+  return ids;
+}
+
+ParameterizedValue ParseParameterizedValue(const std::string& raw) {
+  std::string text = Unfold(raw);
+  ParameterizedValue result;
+  // Pieces of RFC 2231 values: name -> section -> (extended, text).
+  std::map<std::string, std::map<int, std::pair<bool, std::string>>> pieces;
+  std::map<std::string, std::string> plain;
+
+  size_t i = 0;
+  auto read_until_semicolon = [&] {
+    std::string out;
+    while (i < text.size() && text[i] != ';') {
+      if (text[i] == '"') {
+        out += ReadQuoted(text, &i);
+      } else {
+        out += text[i++];
+      }
+    }
+    return out;
+  };
+  result.value = Lower(TrimBlanks(read_until_semicolon()));
+  while (i < text.size()) {
+    ++i;  // the ';'
+    size_t equals = text.find('=', i);
+    size_t semicolon = text.find(';', i);
+    if (equals == std::string::npos || (semicolon != std::string::npos && semicolon < equals)) {
+      if (semicolon == std::string::npos) break;
+      i = semicolon;
+      continue;
+    }
+    std::string name = Lower(TrimBlanks(text.substr(i, equals - i)));
+    i = equals + 1;
+    while (i < text.size() && IsBlank(text[i])) ++i;
+    std::string value;
+    if (i < text.size() && text[i] == '"') {
+      value = ReadQuoted(text, &i);
+      read_until_semicolon();  // anything after the closing quote
+    } else {
+      value = TrimBlanks(read_until_semicolon());
+    }
+    if (name.empty()) continue;
+
+    size_t star = name.find('*');
+    if (star == std::string::npos) {
+      plain.emplace(name, value);
+      continue;
+    }
+    std::string base = name.substr(0, star);
+    std::string rest = name.substr(star + 1);  // "", "0", "0*", "1"
+    bool extended = !rest.empty() ? rest.back() == '*' : true;
+    if (!rest.empty() && rest.back() == '*') rest.pop_back();
+    int section = 0;
+    if (!rest.empty()) {
+      if (rest.find_first_not_of("0123456789") != std::string::npos || rest.size() > 4) continue;
+      section = std::stoi(rest);
+    }
+    pieces[base].emplace(section, std::make_pair(extended, value));
+  }
+
+  for (auto& [name, value] : plain) result.params[name] = DecodeHeaderText(value);
+  for (auto& [name, sections] : pieces) {
+    std::string charset, bytes;
+    bool any_extended = false;
+    int expected = 0;
+    for (auto& [section, piece] : sections) {
+      if (section != expected++) break;  // a missing piece ends the value
+      std::string part = piece.second;
+      if (piece.first) {
+        any_extended = true;
+        if (section == 0) {
+          size_t quote1 = part.find('\'');
+          size_t quote2 = quote1 == std::string::npos ? quote1 : part.find('\'', quote1 + 1);
+          if (quote2 != std::string::npos) {
+            charset = part.substr(0, quote1);
+            part.erase(0, quote2 + 1);
+          }
+        }
+        std::string decoded;
+        for (size_t k = 0; k < part.size(); ++k) {
+          if (part[k] == '%' && k + 2 < part.size() && HexValue(part[k + 1]) >= 0 &&
+              HexValue(part[k + 2]) >= 0) {
+            decoded += static_cast<char>(HexValue(part[k + 1]) * 16 + HexValue(part[k + 2]));
+            k += 2;
+          } else {
+            decoded += part[k];
+          }
+        }
+        part = decoded;
+      }
+      bytes += part;
+    }
+    if (expected == 0) continue;
+    result.params[name] = any_extended ? ToUtf8(bytes, charset) : DecodeHeaderText(bytes);
+  }
+  return result;
+}
+
+std::string SafeFileName(const std::string& name, const std::string& mimetype) {
+  std::string text = IsValidUtf8(name) ? name : RepairUtf8(name);
+  std::string clean;
+  for (size_t i = 0; i < text.size();) {
+    size_t start = i;
+    char32_t c = NextCodePoint(text, &i);
+    if (c == '/' || c == '\\') {
+      clean.clear();  // only what follows the last separator counts
+    } else if (!IsUnsafeInName(c)) {
+      clean.append(text, start, i - start);
+    }
+  }
+  clean = TrimBlanks(clean);
+  if (clean.empty() || clean == "." || clean == "..") return "attachment" + ExtensionFor(mimetype);
+  constexpr size_t kMaxBytes = 255;
+  if (clean.size() > kMaxBytes) {
+    size_t dot = clean.rfind('.');
+    std::string extension =
+        dot != std::string::npos && clean.size() - dot <= 16 ? clean.substr(dot) : "";
+    clean =
+        Utf8Prefix(clean.substr(0, clean.size() - extension.size()), kMaxBytes - extension.size()) +
+        extension;
+  }
+  return clean;
+}
+
+}  // namespace ornic::larkpost::mime

@@ -1,0 +1,459 @@
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "appliance/mailcore/mime/charset.h"
+#include "appliance/mailcore/mime/header.h"
+#include "appliance/mailcore/mime/html_text.h"
+#include "appliance/mailcore/mime/mime_parser.h"
+
+namespace ornic::larkpost::mime {
+namespace {
+
+using namespace std::string_literals;
+
+constexpr int64_t kNoDate = 1234567;  // the time a message without a Date gets
+
+std::string Fixture(const std::string& name) {
+  std::ifstream in(std::string(LARKPOST_MAIL_FIXTURES) + "/" + name, std::ios::binary);
+  EXPECT_TRUE(in) << name;
+  std::ostringstream bytes;
+  bytes << in.rdbuf();
+  return bytes.str();
+}
+
+using Strings = std::vector<std::string>;
+
+struct ExpectedAttachment {
+  std::string name, mimetype;
+  int64_t size;
+  bool is_inline;
+  std::string content_id;
+  std::string part_path;
+};
+
+struct Case {
+  const char* file;
+  std::string subject;
+  std::string from;
+  Strings to;
+  int64_t arrival_time;
+  std::string plain_start;  // the plain body starts with it
+  std::string html_part;    // the HTML body holds it; "" when there is none
+  std::vector<ExpectedAttachment> attachments;
+};
+
+// The corpus: what a reader of each message must see.
+const std::vector<Case>& Corpus() {
+  static const std::vector<Case> kCases = {
+      {"alternative.eml",
+       "Lunch on Friday?",
+       "Ann Example <ann@example.org>",
+       {"Bob Builder <bob@example.net>", "carol@example.net"},
+       1704186000,
+       "Hi Bob,\n\nShall we try the new café on Friday? It opens at noon and the menu looks "
+       "good—soup",
+       "<p>Shall we try the new café on Friday?",
+       {}},
+      {"latin1.eml",
+       "Résumé de la réunion",
+       "Françoise Müller <francoise@example.fr>",
+       {"equipe@example.fr"},
+       1704901500,
+       "Bonjour à tous,\n\nVoici le résumé de la réunion de mardi. Coût total",
+       "",
+       {}},
+      {"undeclared_8bit.eml",
+       "Café menü",
+       "Zoë Adams <zoe@example.com>",
+       {"orders@example.com"},
+       1704978900,
+       "The price is € 20 for the “special” menu – café included.\n",
+       "",
+       {}},
+      {"iso2022jp.eml",
+       "会議の資料について",
+       "山田太郎 <taro@example.jp>",
+       {"hanako@example.jp"},
+       1705019400,
+       "お疲れ様です。\n会議の資料を添付します。",
+       "",
+       {}},
+      // Labelled GB2312, with a character that only GBK has: HTML only, so
+      // the plain body is the HTML's text.
+      {"gb2312_html.eml",
+       "会议通知",
+       "李明 <liming@example.cn>",
+       {"wang@example.cn"},
+       1705125600,
+       "你好，世界！\n\n欢迎朱镕基先生参加会议。",
+       "<p>欢迎朱镕基先生参加会议。</p>",
+       {}},
+      {"koi8r.eml",
+       "Встреча в пятницу",
+       "Иван Петров <ivan@example.ru>",
+       {"team@example.ru"},
+       1705245600,
+       "Привет, команда!\nВстреча в пятницу в 15:00.",
+       "",
+       {}},
+      {"encoded_words.eml",
+       "Hello world — café ☕",
+       "\"Example, Ann\" <ann@example.org>",
+       {"Jörg <joerg@example.de>", "\"Lee, Bo\" <bo@example.com>", "Dev Patel <dev@example.com>",
+        "plain@example.net"},
+       1705316400,
+       "Encoded words everywhere.",
+       "",
+       {}},
+      {"html_only.eml",
+       "Your order",
+       "Shop <shop@example.com>",
+       {"ann@example.org"},
+       1706101200,
+       "Hello there & welcome\n\nOne\n\nTwo €5 <each>",
+       "<p>Hello&nbsp;there &amp; welcome</p>",
+       {}},
+      {"rfc2231_names.eml",
+       "Files for you",
+       "Bob <bob@example.net>",
+       {"ann@example.org"},
+       1705403471,
+       "Four files attached.",
+       "",
+       {{"Prüfbericht 2024.pdf", "application/pdf", 77, false, "", "2"},
+        {"Résumé final.txt", "text/plain", 5, false, "", "3"},
+        {"photo 1.jpg", "image/jpeg", 22, false, "", "4"},
+        {"attachment.bin", "application/octet-stream", 10, false, "", "5"}}},
+      // Inline: in multipart/related (not its root), or disposition inline
+      // with a Content-ID; an inline image without one is listed.
+      {"related_inline.eml",
+       "Our new logo",
+       "Newsletter <news@example.com>",
+       {"ann@example.org"},
+       1705474800,
+       "Our new logo is attached.",
+       "<img src=\"cid:logo@example.com\"",
+       {{"logo.png", "image/png", 66, true, "logo@example.com", "1.2.2"},
+        {"report.pdf", "application/pdf", 77, false, "", "2"},
+        {"badge.png", "image/png", 66, true, "badge@example.com", "3"},
+        {"photo.png", "image/png", 66, false, "", "4"}}},
+      {"hostile_names.eml",
+       "Invoices",
+       "Mallory <mallory@example.com>",
+       {"ann@example.org"},
+       1705548813,
+       "Please open all of these.",
+       "",
+       {{"passwd", "text/plain", 10, false, "", "2"},
+        {"evil.bat", "application/x-msdownload", 9, false, "", "3"},
+        {"invoice.pdf.exe", "application/pdf", 2, false, "", "4"},          // %00 in RFC 2231
+        {"attachment.bin", "application/octet-stream", 4, false, "", "5"},  // ".."
+        {"attachment.png", "image/png", 66, false, "", "6"},                // "/"
+        {"invoicefdp.exe", "application/pdf", 2, false, "", "7"},           // U+202E
+        {"nulbyte.txt", "text/plain", 3, false, "", "8"}}},                 // a NUL byte
+      // The attached message is one attachment, named by its subject; its
+      // own parts are not the outer message's.
+      {"forwarded.eml",
+       "Fwd: Budget 2024",
+       "Carol <carol@example.net>",
+       {"ann@example.org"},
+       1706194800,
+       "See below.",
+       "",
+       {{"Budget 2024.eml", "message/rfc822", 414, false, "", "2"}}},
+      // Garbage header lines, a Date that is none, base64 that is partly
+      // not, no closing boundary: everything readable is kept.
+      {"broken_mime.eml",
+       "Broken but readable",
+       "Broken Sender <broken@example.com>",
+       {"you@example.net"},
+       kNoDate,
+       "The first part is fine.",
+       "<p>never closed",
+       {{"data.bin", "application/octet-stream", 12, false, "", "2"}}},
+  };
+  return kCases;
+}
+
+TEST(MimeParserTest, CorpusMessagesReadAsTheirReadersSeeThem) {
+  for (const Case& c : Corpus()) {
+    SCOPED_TRACE(c.file);
+    std::string raw = Fixture(c.file);
+    store::NewMessage message = ParseMessage(raw, kNoDate);
+    EXPECT_EQ(message.subject, c.subject);
+    EXPECT_EQ(message.from, c.from);
+    EXPECT_EQ(message.to, c.to);
+    EXPECT_EQ(message.arrival_time, c.arrival_time);
+    EXPECT_EQ(message.plain_body.substr(0, c.plain_start.size()), c.plain_start);
+    if (c.html_part.empty()) {
+      EXPECT_EQ(message.html_body, "");
+    } else {
+      EXPECT_NE(message.html_body.find(c.html_part), std::string::npos) << message.html_body;
+    }
+    EXPECT_EQ(message.raw, raw);
+    EXPECT_TRUE(IsValidUtf8(message.subject + message.from + message.plain_body +
+                            message.html_body + message.body_preview));
+    ASSERT_EQ(message.attachments.size(), c.attachments.size());
+    for (size_t k = 0; k < c.attachments.size(); ++k) {
+      const store::NewAttachment& got = message.attachments[k];
+      const ExpectedAttachment& want = c.attachments[k];
+      SCOPED_TRACE(want.name);
+      EXPECT_EQ(got.name, want.name);
+      EXPECT_EQ(got.mimetype, want.mimetype);
+      EXPECT_EQ(got.size, want.size);
+      EXPECT_EQ(got.is_inline, want.is_inline);
+      EXPECT_EQ(got.content_id, want.content_id);
+      EXPECT_EQ(got.part_path, want.part_path);
+      // The part path leads back to the same content.
+      std::optional<std::string> content = ExtractPart(raw, got.part_path);
+      ASSERT_TRUE(content.has_value());
+      EXPECT_EQ(static_cast<int64_t>(content->size()), got.size);
+    }
+  }
+}
+
+TEST(MimeParserTest, ThreadHeadersLoseTheirAngleBracketsAndComments) {
+  store::NewMessage first = ParseMessage(Fixture("thread/1.eml"), kNoDate);
+  store::NewMessage second = ParseMessage(Fixture("thread/2.eml"), kNoDate);
+  store::NewMessage third = ParseMessage(Fixture("thread/3.eml"), kNoDate);
+  EXPECT_EQ(first.rfc_message_id, "budget-1@example.org");
+  EXPECT_EQ(first.in_reply_to, "");
+  EXPECT_TRUE(first.references.empty());
+  EXPECT_EQ(second.rfc_message_id, "budget-2@example.net");
+  EXPECT_EQ(second.in_reply_to, "budget-1@example.org");
+  EXPECT_EQ(second.references, Strings{"budget-1@example.org"});
+  EXPECT_EQ(third.in_reply_to, "budget-2@example.net");  // a comment followed the id
+  EXPECT_EQ(third.references, (Strings{"budget-1@example.org", "budget-2@example.net"}));
+  EXPECT_EQ(third.cc, Strings{"Carol <carol@example.net>"});
+  EXPECT_EQ(third.subject, "RE: Re: Budget 2024");
+}
+
+TEST(MimeParserTest, TheBodyAndThePartsOfAMessageCanBeExtractedAgain) {
+  std::string raw = Fixture("related_inline.eml");
+  EXPECT_EQ(ExtractPart(raw, "2")->substr(0, 8), "%PDF-1.4");
+  EXPECT_EQ(ExtractPart(raw, "1.1"), "Our new logo is attached. See you soon!");
+  for (const char* missing : {"", "9", "1.9", "1.2.2.1", "x"}) {
+    EXPECT_FALSE(ExtractPart(raw, missing).has_value()) << missing;
+  }
+  // A message that is one attachment and nothing else.
+  std::string single =
+      "Subject: scan\nContent-Type: application/pdf; name=scan.pdf\n"
+      "Content-Disposition: attachment\nContent-Transfer-Encoding: base64\n\nJVBERi0=\n";
+  store::NewMessage message = ParseMessage(single, kNoDate);
+  EXPECT_EQ(message.plain_body, "");
+  ASSERT_EQ(message.attachments.size(), 1u);
+  EXPECT_EQ(message.attachments[0].name, "scan.pdf");
+  EXPECT_EQ(ExtractPart(single, message.attachments[0].part_path), "%PDF-");
+}
+
+TEST(MimeParserTest, WhatGMimeCannotReadIsStillKept) {
+  std::string raw = Fixture("no_header.eml");
+  store::NewMessage message = ParseMessage(raw, kNoDate);
+  EXPECT_EQ(message.raw, raw);
+  EXPECT_EQ(message.subject, "");
+  EXPECT_EQ(message.plain_body, raw);
+  EXPECT_EQ(message.arrival_time, kNoDate);
+  EXPECT_EQ(message.body_preview, "Just some text, no header at all. A second line.");
+
+  // Binary junk: every byte is still in raw, the text is valid UTF-8.
+  std::string junk = "\x00\xff\xfe\x01garbage\x00\r\n\r\n\x80"s;
+  store::NewMessage kept = ParseMessage(junk, kNoDate);
+  EXPECT_EQ(kept.raw, junk);
+  EXPECT_TRUE(IsValidUtf8(kept.plain_body));
+}
+
+TEST(MimeParserTest, ChoosingTheBodies) {
+  struct Row {
+    const char* what;
+    std::string source;
+    std::string plain, html;
+    size_t attachments;
+  };
+  const std::string kMixed = "Content-Type: multipart/mixed; boundary=b\n\n";
+  const Row rows[] = {
+      {"a leading mbox From line is not a header",
+       "From ann@example.org Mon Jan  1 09:00:00 2024\nSubject: s\n\nbody\n", "body\n", "", 0},
+      {"CRLF line ends become LF in the plain body", "Subject: s\r\n\r\nline 1\r\nline 2\r\n",
+       "line 1\nline 2\n", "", 0},
+      {"an only part is the body even with a name",
+       "Content-Type: text/plain; name=\"note.txt\"\n\nnote\n", "note\n", "", 0},
+      {"text marked as attachment is no body",
+       kMixed + "--b\nContent-Type: text/plain\nContent-Disposition: attachment\n\nfile\n--b--\n",
+       "", "", 1},
+      {"a named text part after the body is an attachment",
+       kMixed + "--b\nContent-Type: text/plain\n\nbody\n--b\nContent-Type: text/plain; "
+                "name=a.txt\n\nfile\n--b--\n",
+       "body", "", 1},
+      {"a second plain part is an attachment",
+       kMixed +
+           "--b\nContent-Type: text/plain\n\none\n--b\nContent-Type: text/plain\n\ntwo\n--b--\n",
+       "one", "", 1},
+      {"an HTML charset from <meta>",
+       "Content-Type: text/html\n\n<meta charset=\"koi8-r\"><p>\xf0\xd2\xc9\xd7\xc5\xd4</p>\n",
+       "Привет", "<meta charset=\"koi8-r\"><p>Привет</p>\n", 0},
+      {"a byte order mark and NUL characters go",
+       "Content-Type: text/plain; charset=utf-8\n\n\xEF\xBB\xBFhi\x00!\n"s, "hi!\n", "", 0},
+      {"an unknown charset is read as undeclared text",
+       "Content-Type: text/plain; charset=x-no-such\n\ncaf\xe9\n", "café\n", "", 0},
+  };
+  for (const Row& row : rows) {
+    store::NewMessage message = ParseMessage(row.source, kNoDate);
+    EXPECT_EQ(message.plain_body, row.plain) << row.what;
+    EXPECT_EQ(message.html_body, row.html) << row.what;
+    EXPECT_EQ(message.attachments.size(), row.attachments) << row.what;
+  }
+}
+
+TEST(MimeParserTest, BodyPreviewIsTwoHundredCharactersOfCollapsedText) {
+  EXPECT_EQ(BodyPreview("  Hello,\n\n\tworld \xC2\xA0 again  "), "Hello, world again");
+  EXPECT_EQ(BodyPreview(""), "");
+  std::string long_text, first_200;
+  for (int i = 0; i < 100; ++i) long_text += "éb\n";  // 300 characters
+  for (int i = 0; i < 66; ++i) first_200 += "éb ";
+  EXPECT_EQ(BodyPreview(long_text), first_200 + "éb");
+  // No blank at the end when the cut falls on one.
+  EXPECT_EQ(BodyPreview(std::string(199, 'x') + "\n\ny"), std::string(199, 'x'));
+}
+
+TEST(HeaderTest, DecodeHeaderText) {
+  const std::pair<std::string, std::string> rows[] = {
+      // Padded base64 words in a row (GMime keeps only the first).
+      {"=?UTF-8?B?SGVsbG8=?= =?UTF-8?B?IHdvcmxk?=", "Hello world"},
+      // One character split between two words, in B and in Q.
+      {"=?UTF-8?B?ww==?= =?UTF-8?B?qQ==?=", "é"},
+      {"=?utf-8?q?caf=C3?=\r\n =?utf-8?q?=A9?=", "café"},
+      // Text between words stays; blanks between words go.
+      {"=?utf-8?q?a?= b =?utf-8?q?c?=", "a b c"},
+      {"=?iso-8859-1?q?caf=E9?=  =?utf-8?q?_=C3=A9?=", "café é"},
+      {"=?ISO-2022-JP?B?GyRCJEgbKEI=?= =?ISO-2022-JP?B?GyRCJEgbKEI=?=", "とと"},
+      {"=?utf-8*en?q?language?=", "language"},
+      {"=?x-unknown?q?caf=E9?=", "café"},
+      // Not encoded words: left as they are.
+      {"=?utf-8?q?unfinished", "=?utf-8?q?unfinished"},
+      {"=?utf-8?x?abc?=", "=?utf-8?x?abc?="},
+      {"a =?utf-8?b?not base64?= b", "a =?utf-8?b?not base64?= b"},
+      // NUL goes, controls become blanks, raw 8-bit is read.
+      {"=?utf-8?b?YQBi?=", "ab"},
+      {"tab\there\x01", "tab here"},
+      {"caf\xe9", "café"},
+      {"  folded\r\n   text  ", "folded   text"},
+  };
+  for (const auto& [raw, decoded] : rows) EXPECT_EQ(DecodeHeaderText(raw), decoded) << raw;
+}
+
+TEST(HeaderTest, ParseAddressList) {
+  const std::pair<std::string, Strings> rows[] = {
+      {"Ann <ann@example.org>, bob@example.net", {"Ann <ann@example.org>", "bob@example.net"}},
+      {"\"Quote \\\"Q\\\"\" <q@example.org>", {"\"Quote \\\"Q\\\"\" <q@example.org>"}},
+      {"=?utf-8?q?Lee=2C_Bo?= <bo@example.com>", {"\"Lee, Bo\" <bo@example.com>"}},
+      {"bob@example.net (Bob (the builder))", {"\"Bob (the builder)\" <bob@example.net>"}},
+      {"<@relay.example:ann@example.org>", {"ann@example.org"}},
+      {"Friends: a@example.org, b@example.org;, c@example.org",
+       {"a@example.org", "b@example.org", "c@example.org"}},
+      {"undisclosed-recipients:;", {}},
+      {"<>, , Ann <>", {"Ann"}},
+      {"", {}},
+  };
+  for (const auto& [raw, list] : rows) EXPECT_EQ(ParseAddressList(raw), list) << raw;
+}
+
+TEST(HeaderTest, ParseMessageIds) {
+  const std::pair<std::string, Strings> rows[] = {
+      {"<a@example.org>", {"a@example.org"}},
+      {"<a@x>\r\n <b@x>\t<c@x>", {"a@x", "b@x", "c@x"}},
+      {"< spaced@x >", {"spaced@x"}},
+      {"<a@x> (Ann's message of Monday)", {"a@x"}},
+      {"bare@example.org", {"bare@example.org"}},
+      {"", {}},
+  };
+  for (const auto& [raw, ids] : rows) EXPECT_EQ(ParseMessageIds(raw), ids) << raw;
+}
+
+TEST(HeaderTest, ParameterValues) {
+  const struct {
+    std::string raw, value, param, decoded;
+  } rows[] = {
+      {" Attachment; filename=\"a;b.txt\"", "attachment", "filename", "a;b.txt"},
+      {"inline; FILENAME=plain.txt ", "inline", "filename", "plain.txt"},
+      {"attachment; filename*=''%41%42", "attachment", "filename", "AB"},
+      // RFC 2231 wins over a plain value, whatever the order.
+      {"attachment; filename*=utf-8''new.txt; filename=old.txt", "attachment", "filename",
+       "new.txt"},
+      // Pieces in any order; a missing piece ends the value.
+      {"attachment; name*1=\"b\"; name*0=\"a\"; name*3=\"d\"", "attachment", "name", "ab"},
+      {"text/plain; charset=\"UTF-8\"", "text/plain", "charset", "UTF-8"},
+  };
+  for (const auto& row : rows) {
+    ParameterizedValue parsed = ParseParameterizedValue(row.raw);
+    EXPECT_EQ(parsed.value, row.value) << row.raw;
+    EXPECT_EQ(parsed.params[row.param], row.decoded) << row.raw;
+  }
+}
+
+TEST(HeaderTest, SafeFileName) {
+  const std::string long_stem(300, 'x');
+  const struct {
+    std::string name, mimetype, safe;
+  } rows[] = {
+      {"../../etc/passwd", "text/plain", "passwd"},
+      {"C:\\Users\\evil.bat", "", "evil.bat"},
+      {std::string("a\0b\x7f\x1b.txt", 9), "", "ab.txt"},
+      {"  spaced name.pdf ", "", "spaced name.pdf"},
+      {"", "application/pdf", "attachment.pdf"},
+      {".", "image/png", "attachment.png"},
+      {"..", "application/x-unknown", "attachment"},
+      {"dir/", "text/plain", "attachment.txt"},
+      {"\xff.txt", "", "\xEF\xBF\xBD.txt"},
+      {long_stem + ".pdf", "", std::string(251, 'x') + ".pdf"},
+  };
+  for (const auto& row : rows)
+    EXPECT_EQ(SafeFileName(row.name, row.mimetype), row.safe) << row.name;
+  // Cut short on a character boundary.
+  std::string cut = SafeFileName(std::string(200, 'a') + std::string(100, 'e') + "\xC3\xA9", "");
+  EXPECT_LE(cut.size(), 255u);
+  EXPECT_TRUE(IsValidUtf8(cut));
+}
+
+TEST(CharsetTest, ToUtf8) {
+  const struct {
+    std::string bytes, charset, text;
+  } rows[] = {
+      {"caf\xe9", "", "café"},
+      {"caf\xc3\xa9", "", "café"},  // undeclared, but UTF-8
+      {"\x80 \x93q\x94", "iso-8859-1", "€ “q”"},
+      {"\x81", "windows-1252", "\xC2\x81"},
+      {"abc\xff\xc3", "UTF-8", "abc\xEF\xBF\xBD\xEF\xBF\xBD"},
+      {"\xf0\xd2\xc9\xd7\xc5\xd4", "KOI8-R", "Привет"},
+      {"\xe9"
+       "F",
+       "gb2312", "镕"},  // GBK, under its usual label
+      // Invalid bytes are replaced, not dropped, and decoding goes on.
+      {"\xa4\xa2\xff\xa4\xa4", "euc-jp", "あ\xEF\xBF\xBDい"},
+      {"\x1b$B$H", "iso-2022-jp", "と"},  // never returns to ASCII
+      {"\x1b$B$", "iso-2022-jp", "\xEF\xBF\xBD"},
+      {"plain", "x-unknown-charset", "plain"},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(ToUtf8(row.bytes, row.charset), row.text) << row.charset << " " << row.bytes;
+  }
+}
+
+TEST(HtmlTextTest, TextOfAnHtmlBody) {
+  const std::pair<std::string, std::string> rows[] = {
+      {"<p>One</p><p>Two</p>", "One\n\nTwo"},
+      {"a<br>b<br/><br><br>c", "a\nb\n\nc"},
+      {"<table><tr><td>x</td><td>y</td></tr></table>", "x y"},
+      {"<STYLE>p{}</STYLE><SCRIPT>var a = '</p>';</SCRIPT>text", "text"},
+      {"<script>never closed", ""},
+      {"1 < 2 &amp;&amp; 3 &gt; 2 &bogus; &#x41;&#0;", "1 < 2 && 3 > 2 &bogus; A\xEF\xBF\xBD"},
+      {"<a href=\"x>y\">link</a>", "link"},
+  };
+  for (const auto& [html, text] : rows) EXPECT_EQ(HtmlToText(html), text) << html;
+}
+
+}  // namespace
+}  // namespace ornic::larkpost::mime
