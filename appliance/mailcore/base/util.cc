@@ -55,4 +55,11 @@ std::string GetSubstrAfterLast(const std::string& text, char separator) {
   return last == std::string::npos ? text : text.substr(last + 1);
 }
 
+std::string Trim(const std::string& text) {
+  static constexpr char kBlanks[] = " \t\r\n\f\v";
+  const size_t first = text.find_first_not_of(kBlanks);
+  if (first == std::string::npos) return std::string();
+  return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
+}
+
 }  // namespace ornic::util
