@@ -1,0 +1,181 @@
+#include "appliance/mailcore/base/modified_utf7.h"
+
+#include <cstdint>
+#include <vector>
+
+namespace ornic::larkpost::imap {
+namespace {
+
+constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+,";
+
+bool IsDirect(uint32_t c) { return c >= 0x20 && c <= 0x7e; }
+
+int AlphabetIndex(char c) {
+  if (c >= 'A' && c <= 'Z') return c - 'A';
+  if (c >= 'a' && c <= 'z') return c - 'a' + 26;
+  if (c >= '0' && c <= '9') return c - '0' + 52;
+  if (c == '+') return 62;
+  if (c == ',') return 63;
+  return -1;
+}
+
+// Reads one code point of `text` at `*pos` and advances; false on a
+// malformed, overlong or surrogate sequence.
+bool NextCodePoint(std::string_view text, size_t* pos, uint32_t* out) {
+  const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
+  const unsigned char lead = byte(*pos);
+  int length;
+  uint32_t c;
+  uint32_t min;
+  if (lead < 0x80) {
+    *out = lead;
+    *pos += 1;
+    return true;
+  } else if ((lead & 0xe0) == 0xc0) {
+    length = 2, c = lead & 0x1f, min = 0x80;
+  } else if ((lead & 0xf0) == 0xe0) {
+    length = 3, c = lead & 0x0f, min = 0x800;
+  } else if ((lead & 0xf8) == 0xf0) {
+    length = 4, c = lead & 0x07, min = 0x10000;
+  } else {
+    return false;
+  }
+  if (*pos + length > text.size()) return false;
+  for (int i = 1; i < length; ++i) {
+    const unsigned char next = byte(*pos + i);
+    if ((next & 0xc0) != 0x80) return false;
+    c = (c << 6) | (next & 0x3f);
+  }
+  if (c < min || c > 0x10ffff || (c >= 0xd800 && c <= 0xdfff)) return false;
+  *out = c;
+  *pos += length;
+  return true;
+}
+
+void AppendUTF8(uint32_t c, std::string* out) {
+  if (c < 0x80) {
+    out->push_back(static_cast<char>(c));
+  } else if (c < 0x800) {
+    out->push_back(static_cast<char>(0xc0 | (c >> 6)));
+    out->push_back(static_cast<char>(0x80 | (c & 0x3f)));
+  } else if (c < 0x10000) {
+    out->push_back(static_cast<char>(0xe0 | (c >> 12)));
+    out->push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3f)));
+    out->push_back(static_cast<char>(0x80 | (c & 0x3f)));
+  } else {
+    out->push_back(static_cast<char>(0xf0 | (c >> 18)));
+    out->push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3f)));
+    out->push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3f)));
+    out->push_back(static_cast<char>(0x80 | (c & 0x3f)));
+  }
+}
+
+// Writes `units` as one "&...-" run.
+void AppendRun(const std::vector<uint16_t>& units, std::string* out) {
+  out->push_back('&');
+  uint32_t bits = 0;
+  int count = 0;
+  for (uint16_t unit : units) {
+    bits = (bits << 16) | unit;
+    count += 16;
+    while (count >= 6) {
+      count -= 6;
+      out->push_back(kAlphabet[(bits >> count) & 0x3f]);
+    }
+    bits &= (1u << count) - 1;
+  }
+  if (count > 0) out->push_back(kAlphabet[(bits << (6 - count)) & 0x3f]);
+  out->push_back('-');
+}
+
+// Decodes the base64 run of `text` that starts at `*pos` (just after "&")
+// into UTF-16 units, and moves `*pos` past its closing "-".
+bool ReadRun(std::string_view text, size_t* pos, std::vector<uint16_t>* units) {
+  uint32_t bits = 0;
+  int count = 0;
+  for (size_t i = *pos; i < text.size(); ++i) {
+    if (text[i] == '-') {
+      // What is left must be the zero padding of the last unit.
+      if (count >= 6 || (bits & ((1u << count) - 1)) != 0) return false;
+      *pos = i + 1;
+      return true;
+    }
+    const int value = AlphabetIndex(text[i]);
+    if (value < 0) return false;
+    bits = (bits << 6) | static_cast<uint32_t>(value);
+    count += 6;
+    if (count >= 16) {
+      count -= 16;
+      units->push_back(static_cast<uint16_t>(bits >> count));
+      bits &= (1u << count) - 1;
+    }
+  }
+  return false;  // never closed
+}
+
+}  // namespace
+
+std::optional<std::string> EncodeModifiedUTF7(std::string_view utf8) {
+  std::string out;
+  out.reserve(utf8.size());
+  std::vector<uint16_t> run;
+  size_t pos = 0;
+  while (pos < utf8.size()) {
+    uint32_t c;
+    if (!NextCodePoint(utf8, &pos, &c)) return std::nullopt;
+    if (IsDirect(c)) {
+      if (!run.empty()) {
+        AppendRun(run, &out);
+        run.clear();
+      }
+      out += c == '&' ? "&-" : std::string(1, static_cast<char>(c));
+    } else if (c < 0x10000) {
+      run.push_back(static_cast<uint16_t>(c));
+    } else {
+      c -= 0x10000;
+      run.push_back(static_cast<uint16_t>(0xd800 | (c >> 10)));
+      run.push_back(static_cast<uint16_t>(0xdc00 | (c & 0x3ff)));
+    }
+  }
+  if (!run.empty()) AppendRun(run, &out);
+  return out;
+}
+
+std::optional<std::string> DecodeModifiedUTF7(std::string_view mutf7) {
+  std::string out;
+  out.reserve(mutf7.size());
+  std::vector<uint16_t> units;
+  size_t pos = 0;
+  while (pos < mutf7.size()) {
+    const unsigned char c = static_cast<unsigned char>(mutf7[pos]);
+    if (!IsDirect(c)) return std::nullopt;
+    if (c != '&') {
+      out.push_back(static_cast<char>(c));
+      ++pos;
+      continue;
+    }
+    ++pos;
+    if (pos < mutf7.size() && mutf7[pos] == '-') {
+      out.push_back('&');
+      ++pos;
+      continue;
+    }
+    units.clear();
+    if (!ReadRun(mutf7, &pos, &units) || units.empty()) return std::nullopt;
+    for (size_t i = 0; i < units.size(); ++i) {
+      uint32_t unit = units[i];
+      if (unit >= 0xd800 && unit <= 0xdbff) {
+        if (i + 1 >= units.size() || units[i + 1] < 0xdc00 || units[i + 1] > 0xdfff) {
+          return std::nullopt;
+        }
+        unit = 0x10000 + ((unit - 0xd800) << 10) + (units[++i] - 0xdc00);
+      } else if ((unit >= 0xdc00 && unit <= 0xdfff) || IsDirect(unit)) {
+        return std::nullopt;
+      }
+      AppendUTF8(unit, &out);
+    }
+  }
+  return out;
+}
+
+}  // namespace ornic::larkpost::imap
