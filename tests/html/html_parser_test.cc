@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -153,22 +154,57 @@ TEST(HTMLParserTest, BrokenMarkupComesOutWellFormed) {
   });
 }
 
-TEST(HTMLParserTest, DeepNestingIsCutWhereBrowsersStop) {
-  std::string html;
-  for (int i = 0; i < 100000; ++i) html += "<div>";
-  html += "deep";
-  const std::string body = Normalised(html);
-  size_t divs = 0;
-  for (size_t at = body.find("<div>"); at != std::string::npos; at = body.find("<div>", at + 1)) {
-    ++divs;
+// How deep elements nest in normalised HTML (every element closed, void
+// ones written "<x />").
+size_t Depth(const std::string& body) {
+  size_t depth = 0;
+  size_t deepest = 0;
+  for (size_t at = body.find('<'); at != std::string::npos; at = body.find('<', at + 1)) {
+    if (body[at + 1] == '/') {
+      --depth;
+    } else if (body.compare(body.find('>', at) - 1, 1, "/") != 0) {
+      deepest = std::max(deepest, ++depth);
+    }
   }
-  EXPECT_EQ(divs, 512u);
-  EXPECT_NE(body.find("deep"), std::string::npos);
+  return deepest;
+}
 
-  // End tags of elements that are not open do not bring the count down.
-  html.clear();
-  for (int i = 0; i < 2000; ++i) html += "<div></span>";
-  EXPECT_EQ(Normalised(html).size(), 512 * std::string("<div></div>").size());
+TEST(HTMLParserTest, DeepNestingIsCutWhereBrowsersStop) {
+  const auto repeat = [](int times, const auto& piece) {
+    std::string html;
+    for (int i = 0; i < times; ++i) html += piece(i);
+    return html;
+  };
+  const struct {
+    const char* what;
+    std::string html;
+  } cases[] = {
+      {"plain nesting", repeat(5000, [](int) { return "<div>"; }) + "deep"},
+      {"end tags of elements that are not open",
+       repeat(5000, [](int) { return "<div></span>"; }) + "deep"},
+      {"formatting elements nest too", repeat(5000, [](int) { return "<b>"; }) + "deep"},
+      // Left open inside a closed block, formatting elements are opened again
+      // wherever content follows: each round would carry all earlier ones.
+      {"formatting elements reopened",
+       repeat(40,
+              [](int round) {
+                std::string html = "<div>x";
+                for (int i = 0; i < 100; ++i) {
+                  html += "<b title=" + std::to_string(round * 100 + i) + ">";
+                }
+                return html + "</div>";
+              }) +
+           "deep"},
+  };
+  for (const auto& c : cases) {
+    const std::string body = Normalised(c.html);
+    EXPECT_GE(Depth(body), 500u) << c.what;
+    EXPECT_LE(Depth(body), 520u) << c.what;
+    EXPECT_NE(body.find("deep"), std::string::npos) << c.what;
+  }
+  // Deep but not too deep: nothing is taken out.
+  const std::string html = repeat(500, [](int) { return "<div>"; });
+  EXPECT_EQ(Depth(Normalised(html)), 500u);
 }
 
 TEST(HTMLParserTest, InlineImagesPointAtTheAttachmentDownload) {

@@ -27,6 +27,7 @@
 #include <gumbo.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -712,9 +713,16 @@ void Normaliser::WriteStartTag(const GumboElement& element) {
   *body_ += IsVoid(tag) ? " />" : ">";
 }
 
-// The HTML tokenizer's view of where tags are, just enough to follow the
-// nesting depth: comments, and the content of elements whose content is
-// text, are skipped over.
+// The HTML tokenizer's view of where tags are, and a rough model of the
+// tree builder's stack of open elements, just enough to bound the depth the
+// parser will reach. Formatting elements (<b>, <font>, ...) that are left
+// open when an enclosing element closes are remembered: the parser opens
+// them again ("reconstructs" them) wherever content follows, so they add to
+// the depth of everything after them, and a hostile message can pile them
+// up. As the parser does, only three identical ones are remembered, and a
+// new <a> or <nobr> forgets the previous one. The model may overestimate
+// (table cells clear formatting elements, which it ignores); then tags are
+// taken out of a document a browser would still nest deeply anyway.
 class DepthLimiter {
  public:
   explicit DepthLimiter(std::string_view html) : html_(html) {}
@@ -724,12 +732,37 @@ class DepthLimiter {
   std::string Limit();
 
  private:
+  struct Open {
+    std::string name;
+    uint64_t formatting;  // serial of its entry in active_; 0 for none
+  };
+  struct Active {
+    std::string name;
+    std::string_view attributes;  // as written: identical ones compare equal
+    uint64_t serial;
+    bool open;  // still on open_; otherwise it lingers
+  };
+
   static bool Counts(std::string_view name);
+  static bool IsFormatting(std::string_view name);
   static bool IsRawText(std::string_view name);
   size_t TagEnd(size_t from) const;
   size_t FindEndTag(std::string_view name, size_t from) const;
 
+  // False when the start tag has to go.
+  bool StartTag(const std::string& name, std::string_view attributes);
+  void EndTag(const std::string& name);
+  // Closes open_[index] and everything above it.
+  void PopTo(size_t index);
+  // Forgets active_[index], which the parser would no longer reconstruct.
+  void Forget(size_t index);
+  size_t Depth() const { return open_.size() + lingering_; }
+
   std::string_view html_;
+  std::vector<Open> open_;
+  std::vector<Active> active_;
+  size_t lingering_ = 0;  // entries of active_ not on open_
+  uint64_t next_serial_ = 1;
 };
 
 bool DepthLimiter::Counts(std::string_view name) {
@@ -743,6 +776,13 @@ bool DepthLimiter::Counts(std::string_view name) {
       "colgroup", "caption", "html",     "head",    "body",
   };
   return std::find(std::begin(kNames), std::end(kNames), name) == std::end(kNames);
+}
+
+bool DepthLimiter::IsFormatting(std::string_view name) {
+  static constexpr std::string_view kNames[] = {"a",      "b",      "big",  "code", "em",
+                                                "font",   "i",      "nobr", "s",    "small",
+                                                "strike", "strong", "tt",   "u"};
+  return std::find(std::begin(kNames), std::end(kNames), name) != std::end(kNames);
 }
 
 bool DepthLimiter::IsRawText(std::string_view name) {
@@ -783,16 +823,97 @@ size_t DepthLimiter::FindEndTag(std::string_view name, size_t from) const {
   return html_.size();
 }
 
+void DepthLimiter::PopTo(size_t index) {
+  while (open_.size() > index) {
+    const uint64_t serial = open_.back().formatting;
+    open_.pop_back();
+    if (serial == 0) continue;
+    for (Active& active : active_) {
+      if (active.serial == serial) {
+        active.open = false;
+        ++lingering_;
+        break;
+      }
+    }
+  }
+}
+
+void DepthLimiter::Forget(size_t index) {
+  const Active& active = active_[index];
+  if (active.open) {
+    for (Open& open : open_) {
+      if (open.formatting == active.serial) open.formatting = 0;
+    }
+  } else {
+    --lingering_;
+  }
+  active_.erase(active_.begin() + static_cast<std::ptrdiff_t>(index));
+}
+
+bool DepthLimiter::StartTag(const std::string& name, std::string_view attributes) {
+  if (!Counts(name)) return true;
+  if (Depth() >= kMaxDepth) return false;
+  if (!IsFormatting(name)) {
+    open_.push_back({name, 0});
+    return true;
+  }
+  if (name == "a" || name == "nobr") {
+    for (size_t i = active_.size(); i-- > 0;) {
+      if (active_[i].name != name) continue;
+      if (active_[i].open)
+        EndTag(name);
+      else
+        Forget(i);
+      break;
+    }
+  }
+  size_t identical = 0;
+  size_t earliest = 0;
+  for (size_t i = active_.size(); i-- > 0;) {
+    if (active_[i].name == name && active_[i].attributes == attributes) {
+      ++identical;
+      earliest = i;
+    }
+  }
+  if (identical >= 3) Forget(earliest);
+  const uint64_t serial = next_serial_++;
+  active_.push_back({name, attributes, serial, true});
+  open_.push_back({name, serial});
+  return true;
+}
+
+void DepthLimiter::EndTag(const std::string& name) {
+  if (IsFormatting(name)) {
+    for (size_t i = active_.size(); i-- > 0;) {
+      if (active_[i].name != name) continue;
+      const uint64_t serial = active_[i].serial;
+      for (size_t k = open_.size(); k-- > 0;) {
+        if (open_[k].formatting == serial) {
+          PopTo(k);
+          break;
+        }
+      }
+      Forget(i);  // PopTo changed flags only, so `i` is still the entry
+      return;
+    }
+  }
+  for (size_t k = open_.size(); k-- > 0;) {
+    if (open_[k].name == name) {
+      PopTo(k);
+      return;
+    }
+  }
+}
+
 std::string DepthLimiter::Limit() {
-  std::vector<std::string> open;
   std::vector<std::pair<size_t, size_t>> removed;
   const auto is_letter = [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); };
-  const auto read_name = [&](size_t from) {
+  const auto name_end = [&](size_t from) {
     size_t end = from;
     while (end < html_.size() && !IsSpace(html_[end]) && html_[end] != '/' && html_[end] != '>') {
       ++end;
     }
-    return LowerCase(html_.substr(from, end - from));
+    return end;
   };
   size_t i = html_.find('<');
   while (i != std::string_view::npos && i + 1 < html_.size()) {
@@ -805,23 +926,19 @@ std::string DepthLimiter::Limit() {
       end = html_.find('>', i);
       end = end == std::string_view::npos ? html_.size() : end + 1;
     } else if (next == '/' && i + 2 < html_.size() && is_letter(html_[i + 2])) {
-      const std::string name = read_name(i + 2);
-      end = TagEnd(i + 2);
-      const auto found = std::find(open.rbegin(), open.rend(), name);
-      if (found != open.rend()) open.erase(std::next(found).base(), open.end());
+      const size_t after_name = name_end(i + 2);
+      end = TagEnd(after_name);
+      EndTag(LowerCase(html_.substr(i + 2, after_name - i - 2)));
     } else if (is_letter(next)) {
-      const std::string name = read_name(i + 1);
-      end = TagEnd(i + 1);
+      const size_t after_name = name_end(i + 1);
+      const std::string name = LowerCase(html_.substr(i + 1, after_name - i - 1));
+      end = TagEnd(after_name);
       if (name == "plaintext") break;  // the rest is text
       if (IsRawText(name)) {
         // Up to the matching end tag, whatever looks like markup in between.
         end = FindEndTag(name, end);
-      } else if (Counts(name)) {
-        if (open.size() >= kMaxDepth) {
-          removed.emplace_back(i, end);
-        } else {
-          open.push_back(name);
-        }
+      } else if (!StartTag(name, html_.substr(after_name, end - after_name))) {
+        removed.emplace_back(i, end);
       }
     } else {
       end = i + 1;
