@@ -1,20 +1,18 @@
 // A fresh data root per test: LARKPOST_ROOT points at a new temporary folder
-// for the life of the object, and the process forgets whatever root and
-// configuration it had read before. The folder and everything in it go
-// away with the object.
+// for the life of the object, and the process forgets the root, the
+// configuration, the accounts and the open logs it had, as a new process
+// would. The folder and everything in it go away with the object.
 #pragma once
 
 #include <ftw.h>
-#include <stdio.h>
 #include <stdlib.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 
+#include "appliance/system/appliance.h"
 #include "appliance/system/clock.h"
 #include "appliance/system/testing.h"
 
@@ -26,14 +24,14 @@ class TempRoot {
     char pattern[] = "/tmp/larkpost-test-XXXXXX";
     if (mkdtemp(pattern) == nullptr) throw std::runtime_error("mkdtemp failed");
     path_ = pattern;
-    setenv("LARKPOST_ROOT", path_.c_str(), 1);
+    setenv("LARKPOST_ROOT", pattern, 1);
     appliance::ResetForTesting();
   }
   ~TempRoot() {
-    nftw(path_.c_str(), Remove, 16, FTW_DEPTH | FTW_PHYS);
+    auto remove = [](const char* path, const struct stat*, int, FTW*) { return ::remove(path), 0; };
+    nftw(path_.c_str(), remove, 16, FTW_DEPTH | FTW_PHYS);
     unsetenv("LARKPOST_ROOT");
     appliance::ResetForTesting();
-    appliance::SetUnixTimeForTesting(nullptr);
   }
   TempRoot(const TempRoot&) = delete;
   TempRoot& operator=(const TempRoot&) = delete;
@@ -43,27 +41,18 @@ class TempRoot {
   // Writes `text` to `relative` below the root, making its folders.
   void Write(const std::string& relative, const std::string& text) const {
     std::string file = path_ + "/" + relative;
-    for (size_t slash = file.find('/', path_.size() + 1); slash != std::string::npos;
-         slash = file.find('/', slash + 1)) {
-      mkdir(file.substr(0, slash).c_str(), 0700);
-    }
+    appliance::MakeDirs(file.substr(0, file.rfind('/')));
     std::ofstream(file) << text;
   }
 
   // The contents of `relative` below the root ("" when missing).
   std::string Read(const std::string& relative) const {
-    std::ifstream in(path_ + "/" + relative);
     std::ostringstream text;
-    text << in.rdbuf();
+    text << std::ifstream(path_ + "/" + relative).rdbuf();
     return text.str();
   }
 
  private:
-  static int Remove(const char* path, const struct stat*, int, struct FTW*) {
-    ::remove(path);
-    return 0;
-  }
-
   std::string path_;
 };
 
