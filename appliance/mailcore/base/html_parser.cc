@@ -6,9 +6,9 @@
 // again gives the same tree (Normalize is idempotent).
 //
 // Elements are kept, unwrapped (the element goes, its content stays: unknown
-// tags, <form>, <font>-like leftovers we do not know) or dropped with their
-// content (scripts, styles, frames, plug-ins, form controls, SVG and MathML,
-// whose parsing rules differ enough to be a risk of their own).
+// tags such as the <o:p> of office programs, <form>, <label>) or dropped with
+// their content (scripts, styles, frames, plug-ins, form controls, SVG and
+// MathML, whose parsing rules differ enough to be a risk of their own).
 //
 // URLs are judged after removing white space and control characters and
 // folding case, as a browser's URL parser would see past them:
@@ -28,7 +28,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstring>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -366,11 +365,6 @@ class Attributes {
       }
     }
     list_.emplace_back(std::string(name), declarations);
-  }
-  void Remove(std::string_view name) {
-    list_.erase(std::remove_if(list_.begin(), list_.end(),
-                               [&](const auto& entry) { return entry.first == name; }),
-                list_.end());
   }
   void AppendTo(std::string* out) const {
     for (const auto& [name, value] : list_) {
