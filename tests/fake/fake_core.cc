@@ -29,8 +29,10 @@ void AddUser(uint32_t uid, const std::string& name, bool is_admin) {
 }
 
 bool Call(const std::string& op, const std::string& args) {
-  core().calls.push_back(args.empty() ? op : op + " " + args);
-  auto failure = core().failures.find(op);
+  const std::string call = args.empty() ? op : op + " " + args;
+  core().calls.push_back(call);
+  auto failure = core().failures.find(call);
+  if (failure == core().failures.end()) failure = core().failures.find(op);
   if (failure == core().failures.end()) return true;
   if (failure->second > 0) throw ornic::Error(failure->second);
   return false;

@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/mailcore/record.h"
+
 namespace larkpost::fake {
 
 struct FakeUser {
@@ -27,14 +29,41 @@ struct Core {
   int vex_timeout = 1800;
   std::string app_root;  // PrepareUserLarkpostDir makes folders below it
 
+  // The user's mail, as the browsing operations read it. Lookups by id
+  // answer in the order of the ids asked for and leave unknown ids out.
+  std::map<int, ornic::larkpost::record::Thread> threads;
+  std::map<int, ornic::larkpost::record::FullMessage> messages;
+  std::map<int, std::string> originals;  // MessageControl::OriginalContent
+  // In the core's order, with their counts; a list that did not ask for a
+  // count gets -1 in its place.
+  std::vector<ornic::larkpost::record::Mailbox> mailboxes;
+  std::vector<ornic::larkpost::record::Label> labels;
+  // Every thread that a search matches, in order; Search pages them.
+  std::vector<int> search_result;
+  // What MailboxControl::Create and LabelControl::Create return.
+  int next_id = 100;
+
   // ------------------------------------------------------ failure injection
   // Operation name (as recorded, without arguments) -> how it fails: a code
   // above zero is thrown as ornic::Error(code); 0 makes the operation report
-  // failure by its result (false, an invalid record, a negative number).
+  // failure by its result (false, an invalid record, 0 for a new id, an
+  // empty list or text). A key with the arguments too ("MailboxControl::Delete
+  // 6") fails only that call, and comes before the bare name.
   std::map<std::string, int32_t> failures;
 
   // --------------------------------------------------------------- records
   std::vector<std::string> calls;
+
+  // The criteria of every SearchControl::Search, in order.
+  struct Search {
+    int32_t offset;
+    int32_t limit;
+    bool has_max_arrival_before;
+    int64_t max_arrival_before;
+    std::vector<ornic::larkpost::record::Condition> conditions;
+    bool match_any;
+  };
+  std::vector<Search> searches;
 };
 
 // The test process's fake core; Reset() before each test.

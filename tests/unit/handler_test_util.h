@@ -6,7 +6,9 @@
 #include <json/value.h>
 #include <json/writer.h>  // prints values in failure messages
 
+#include <functional>
 #include <string>
+#include <vector>
 
 #include "platform/zevo/webapi.h"
 #include "tests/fake/fake_core.h"
@@ -37,5 +39,20 @@ inline int ErrorCode(const Json::Value& envelope) {
 
 // Parses a JSON text written in a test; fails the test when it is not JSON.
 Json::Value J(const std::string& text);
+
+// The envelope of error `code` without data.
+Json::Value ErrorAnswer(int code);
+
+// A value as the client reads it (compact text parsed again): integer
+// widths and signedness do not survive, so it compares with J(...).
+Json::Value AsSent(const Json::Value& value);
+
+// The messages logged so far by source unit `unit` (such as "thread"), each
+// without its "unit:line " prefix. A line of another unit, of a priority
+// other than local1.error, or without a line number fails the test.
+std::vector<std::string> Logged(const std::string& unit);
+
+// What `run` writes to standard output.
+std::string CaptureStdout(const std::function<void()>& run);
 
 }  // namespace larkpost::test
