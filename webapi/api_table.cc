@@ -2,16 +2,86 @@
 
 #include "webapi/entry.h"
 #include "webapi/info.h"
+#include "webapi/label.h"
+#include "webapi/mailbox.h"
+#include "webapi/message.h"
+#include "webapi/thread.h"
 
 using ornic::larkpost::webapi::InfoAPI;
+using ornic::larkpost::webapi::LabelAPI;
+using ornic::larkpost::webapi::MailboxAPI;
+using ornic::larkpost::webapi::MessageAPI;
 using ornic::larkpost::webapi::RunEntry;
+using ornic::larkpost::webapi::ThreadAPI;
 
-void InfoGetInfo_v1(ZEVO::APIRequest* request, ZEVO::APIResponse* response) {
-  RunEntry<InfoAPI, &InfoAPI::GetInfo_v1>(request, response);
-}
+// Each entry function serves one method of one handler class.
+#define LARKPOST_ENTRY(name, api, method)                             \
+  void name(ZEVO::APIRequest* request, ZEVO::APIResponse* response) { \
+    RunEntry<api, &api::method>(request, response);                   \
+  }
+
+LARKPOST_ENTRY(InfoGetInfo_v1, InfoAPI, GetInfo_v1)
+
+LARKPOST_ENTRY(ThreadList_v1, ThreadAPI, List_v1)
+LARKPOST_ENTRY(ThreadGet_v1, ThreadAPI, Get_v1)
+LARKPOST_ENTRY(ThreadCheckExist_v1, ThreadAPI, CheckExist_v1)
+LARKPOST_ENTRY(ThreadDelete_v1, ThreadAPI, Delete_v1)
+LARKPOST_ENTRY(ThreadAddLabel_v1, ThreadAPI, AddLabel_v1)
+LARKPOST_ENTRY(ThreadRemoveLabel_v1, ThreadAPI, RemoveLabel_v1)
+LARKPOST_ENTRY(ThreadSetMailbox_v1, ThreadAPI, SetMailbox_v1)
+LARKPOST_ENTRY(ThreadSetRead_v1, ThreadAPI, SetRead_v1)
+
+LARKPOST_ENTRY(MailboxGet_v1, MailboxAPI, Get_v1)
+LARKPOST_ENTRY(MailboxList_v1, MailboxAPI, List_v1)
+LARKPOST_ENTRY(MailboxCreate_v1, MailboxAPI, Create_v1)
+LARKPOST_ENTRY(MailboxSet_v1, MailboxAPI, Set_v1)
+LARKPOST_ENTRY(MailboxDelete_v1, MailboxAPI, Delete_v1)
+LARKPOST_ENTRY(MailboxClearMessage_v1, MailboxAPI, ClearMessage_v1)
+
+LARKPOST_ENTRY(MessageGet_v1, MessageAPI, Get_v1)
+LARKPOST_ENTRY(MessageGetOriginal_v1, MessageAPI, GetOriginal_v1)
+LARKPOST_ENTRY(MessageSetStar_v1, MessageAPI, SetStar_v1)
+LARKPOST_ENTRY(MessageSetRead_v1, MessageAPI, SetRead_v1)
+LARKPOST_ENTRY(MessageSetMailbox_v1, MessageAPI, SetMailbox_v1)
+
+LARKPOST_ENTRY(LabelCreate_v1, LabelAPI, Create_v1)
+LARKPOST_ENTRY(LabelGet_v1, LabelAPI, Get_v1)
+LARKPOST_ENTRY(LabelSet_v1, LabelAPI, Set_v1)
+LARKPOST_ENTRY(LabelList_v1, LabelAPI, List_v1)
+LARKPOST_ENTRY(LabelDelete_v1, LabelAPI, Delete_v1)
+
+#undef LARKPOST_ENTRY
 
 const ZEVO::APITableEntry gTable[kAPITableSize] = {
     {"ZEVO.Larkpost.Info", 1, "getinfo", InfoGetInfo_v1},
+
+    {"ZEVO.Larkpost.Thread", 1, "list", ThreadList_v1},
+    {"ZEVO.Larkpost.Thread", 1, "get", ThreadGet_v1},
+    {"ZEVO.Larkpost.Thread", 1, "check_exist", ThreadCheckExist_v1},
+    {"ZEVO.Larkpost.Thread", 1, "delete", ThreadDelete_v1},
+    {"ZEVO.Larkpost.Thread", 1, "add_label", ThreadAddLabel_v1},
+    {"ZEVO.Larkpost.Thread", 1, "remove_label", ThreadRemoveLabel_v1},
+    {"ZEVO.Larkpost.Thread", 1, "set_mailbox", ThreadSetMailbox_v1},
+    {"ZEVO.Larkpost.Thread", 1, "set_read", ThreadSetRead_v1},
+
+    {"ZEVO.Larkpost.Mailbox", 1, "get", MailboxGet_v1},
+    {"ZEVO.Larkpost.Mailbox", 1, "list", MailboxList_v1},
+    {"ZEVO.Larkpost.Mailbox", 1, "create", MailboxCreate_v1},
+    {"ZEVO.Larkpost.Mailbox", 1, "set", MailboxSet_v1},
+    {"ZEVO.Larkpost.Mailbox", 1, "delete", MailboxDelete_v1},
+    {"ZEVO.Larkpost.Mailbox", 1, "clear_message", MailboxClearMessage_v1},
+
+    {"ZEVO.Larkpost.Message", 1, "get", MessageGet_v1},
+    {"ZEVO.Larkpost.Message", 1, "get_original", MessageGetOriginal_v1},
+    {"ZEVO.Larkpost.Message", 1, "set_star", MessageSetStar_v1},
+    {"ZEVO.Larkpost.Message", 1, "set_read", MessageSetRead_v1},
+    {"ZEVO.Larkpost.Message", 1, "set_mailbox", MessageSetMailbox_v1},
+
+    {"ZEVO.Larkpost.Label", 1, "create", LabelCreate_v1},
+    {"ZEVO.Larkpost.Label", 1, "get", LabelGet_v1},
+    {"ZEVO.Larkpost.Label", 1, "set", LabelSet_v1},
+    {"ZEVO.Larkpost.Label", 1, "list", LabelList_v1},
+    {"ZEVO.Larkpost.Label", 1, "delete", LabelDelete_v1},
 };
 
 const ZEVO::APITableEntry* GetAPITable() { return gTable; }

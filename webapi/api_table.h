@@ -9,8 +9,41 @@
 
 // The rows in their fixed order; the table has no terminating row (the
 // framework takes its length from the symbol's size).
-inline constexpr size_t kAPITableSize = 1;
+inline constexpr size_t kAPITableSize = 25;
 LARKPOST_EXPORT extern const ZEVO::APITableEntry gTable[kAPITableSize];
 LARKPOST_EXPORT const ZEVO::APITableEntry* GetAPITable();
 
-LARKPOST_EXPORT void InfoGetInfo_v1(ZEVO::APIRequest* request, ZEVO::APIResponse* response);
+#define LARKPOST_ENTRY(name) \
+  LARKPOST_EXPORT void name(ZEVO::APIRequest* request, ZEVO::APIResponse* response)
+
+LARKPOST_ENTRY(InfoGetInfo_v1);
+
+LARKPOST_ENTRY(ThreadList_v1);
+LARKPOST_ENTRY(ThreadGet_v1);
+LARKPOST_ENTRY(ThreadCheckExist_v1);
+LARKPOST_ENTRY(ThreadDelete_v1);
+LARKPOST_ENTRY(ThreadAddLabel_v1);
+LARKPOST_ENTRY(ThreadRemoveLabel_v1);
+LARKPOST_ENTRY(ThreadSetMailbox_v1);
+LARKPOST_ENTRY(ThreadSetRead_v1);
+
+LARKPOST_ENTRY(MailboxGet_v1);
+LARKPOST_ENTRY(MailboxList_v1);
+LARKPOST_ENTRY(MailboxCreate_v1);
+LARKPOST_ENTRY(MailboxSet_v1);
+LARKPOST_ENTRY(MailboxDelete_v1);
+LARKPOST_ENTRY(MailboxClearMessage_v1);
+
+LARKPOST_ENTRY(MessageGet_v1);
+LARKPOST_ENTRY(MessageGetOriginal_v1);
+LARKPOST_ENTRY(MessageSetStar_v1);
+LARKPOST_ENTRY(MessageSetRead_v1);
+LARKPOST_ENTRY(MessageSetMailbox_v1);
+
+LARKPOST_ENTRY(LabelCreate_v1);
+LARKPOST_ENTRY(LabelGet_v1);
+LARKPOST_ENTRY(LabelSet_v1);
+LARKPOST_ENTRY(LabelList_v1);
+LARKPOST_ENTRY(LabelDelete_v1);
+
+#undef LARKPOST_ENTRY

@@ -17,6 +17,30 @@ namespace {
 // The rows built so far, in the table's fixed order.
 const std::tuple<const char*, const char*, ZEVO::APIHandler> kRows[] = {
     {"ZEVO.Larkpost.Info", "getinfo", InfoGetInfo_v1},
+    {"ZEVO.Larkpost.Thread", "list", ThreadList_v1},
+    {"ZEVO.Larkpost.Thread", "get", ThreadGet_v1},
+    {"ZEVO.Larkpost.Thread", "check_exist", ThreadCheckExist_v1},
+    {"ZEVO.Larkpost.Thread", "delete", ThreadDelete_v1},
+    {"ZEVO.Larkpost.Thread", "add_label", ThreadAddLabel_v1},
+    {"ZEVO.Larkpost.Thread", "remove_label", ThreadRemoveLabel_v1},
+    {"ZEVO.Larkpost.Thread", "set_mailbox", ThreadSetMailbox_v1},
+    {"ZEVO.Larkpost.Thread", "set_read", ThreadSetRead_v1},
+    {"ZEVO.Larkpost.Mailbox", "get", MailboxGet_v1},
+    {"ZEVO.Larkpost.Mailbox", "list", MailboxList_v1},
+    {"ZEVO.Larkpost.Mailbox", "create", MailboxCreate_v1},
+    {"ZEVO.Larkpost.Mailbox", "set", MailboxSet_v1},
+    {"ZEVO.Larkpost.Mailbox", "delete", MailboxDelete_v1},
+    {"ZEVO.Larkpost.Mailbox", "clear_message", MailboxClearMessage_v1},
+    {"ZEVO.Larkpost.Message", "get", MessageGet_v1},
+    {"ZEVO.Larkpost.Message", "get_original", MessageGetOriginal_v1},
+    {"ZEVO.Larkpost.Message", "set_star", MessageSetStar_v1},
+    {"ZEVO.Larkpost.Message", "set_read", MessageSetRead_v1},
+    {"ZEVO.Larkpost.Message", "set_mailbox", MessageSetMailbox_v1},
+    {"ZEVO.Larkpost.Label", "create", LabelCreate_v1},
+    {"ZEVO.Larkpost.Label", "get", LabelGet_v1},
+    {"ZEVO.Larkpost.Label", "set", LabelSet_v1},
+    {"ZEVO.Larkpost.Label", "list", LabelList_v1},
+    {"ZEVO.Larkpost.Label", "delete", LabelDelete_v1},
 };
 constexpr size_t kRowCount = sizeof(kRows) / sizeof(kRows[0]);
 
