@@ -48,7 +48,8 @@ struct LabelConfig {
 };
 
 // An address as written in a header: "Ann Example <ann@example.org>",
-// "ann@example.org", "\"Example, Ann\" <ann@example.org>".
+// "ann@example.org", "\"Example, Ann\" <ann@example.org>", "ann@example.org
+// (Ann)" (the comment is the name). Of a list, the first address is read.
 class ZEVO_PLATFORM_API MailAddress {
  public:
   explicit MailAddress(const std::string& text);

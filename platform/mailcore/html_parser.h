@@ -20,12 +20,15 @@ class ZEVO_PLATFORM_API HTMLParser {
   // On (the default) when the body is for reading: links open in a new
   // window without access to the opener. Off when a draft is edited.
   bool open_links_in_new_window = true;
-  // External images stay out of "src" (kept in "data-larkpost-src" for the
-  // client to load on request).
+  // External images stay out of "src", "background" and style url(...):
+  // they move to "data-larkpost-src", "data-larkpost-background" and
+  // "data-larkpost-style", for the client to load on request.
   bool block_external_image = false;
 
-  // Normalises `html`: scripts, event-handler attributes, javascript: URLs,
-  // frames, forms and objects go; "cid:" references of `inline_images` become
+  // Normalises `html`, written back from an allowlist of elements,
+  // attributes and URL schemes (links: http, https, mailto, ftp, tel, sms,
+  // fragments and relative URLs; images also cid: and data:image/): scripts,
+  // event-handler attributes, javascript: URLs, frames, forms and objects go; "cid:" references of `inline_images` become
   // the attachment download URL of the host, carrying `token`. The result is
   // always well-formed HTML. The quoted blocks at the top level (blockquote
   // elements that are not inside another one) are copied out, normalised,

@@ -111,8 +111,9 @@ class ZEVO_PLATFORM_API ConditionSet {
 
 class ZEVO_PLATFORM_API Action {
  public:
-  // A kind, and for set_label / remove_label / move_to / redirect a
-  // non-empty text; set_read and set_star need "true" or "false".
+  // A kind, and for set_label / remove_label / move_to a non-empty text;
+  // redirect needs a text that looks like an address (local part "@"
+  // domain); set_read and set_star need "true" or "false".
   bool IsValid() const;
 
   constant::ActionKind kind = constant::kActionNone;
