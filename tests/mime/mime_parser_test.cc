@@ -232,6 +232,26 @@ TEST(MimeParserTest, ThreadHeadersLoseTheirAngleBracketsAndComments) {
   EXPECT_EQ(third.subject, "RE: Re: Budget 2024");
 }
 
+TEST(MimeParserTest, FoldedRepeatedAndOddlyWrittenHeaderFields) {
+  store::NewMessage message = ParseMessage(
+      "From: a@example.org, B <b@example.org>\n"
+      "To: one@example.org\n"
+      "Subject : folded\n over\r\n\tthree lines\n"
+      "garbage line\n"
+      " continued garbage\n"
+      "To: two@example.org\n"
+      "Message-ID: no-brackets@example.org\n"
+      "Date: Mon, 01 Jan 2024 09:00:00\n"
+      "\n"
+      "body\n",
+      kNoDate);
+  EXPECT_EQ(message.from, "a@example.org, B <b@example.org>");
+  EXPECT_EQ(message.to, (Strings{"one@example.org", "two@example.org"}));
+  EXPECT_EQ(message.subject, "folded over three lines");
+  EXPECT_EQ(message.rfc_message_id, "no-brackets@example.org");
+  EXPECT_EQ(message.arrival_time, 1704099600);  // no zone: UTC
+}
+
 TEST(MimeParserTest, TheBodyAndThePartsOfAMessageCanBeExtractedAgain) {
   std::string raw = Fixture("related_inline.eml");
   EXPECT_EQ(ExtractPart(raw, "2")->substr(0, 8), "%PDF-1.4");

@@ -225,10 +225,7 @@ std::string ReadComment(const std::string& text, size_t* i) {
 }
 
 bool NeedsQuotes(const std::string& name) {
-  for (char c : name) {
-    if (std::string(",;<>@:\"()[]\\").find(c) != std::string::npos) return true;
-  }
-  return false;
+  return name.find_first_of(",;<>@:\"()[]\\") != std::string::npos;
 }
 
 std::string DisplayText(const std::string& name, const std::string& address) {
@@ -350,7 +347,7 @@ HeaderBlock ScanHeaders(const std::string& source) {
     }
     if (IsBlank(source[begin])) {
       if (!block.fields.empty() && !in_garbage) {
-        block.fields.back().value.append(source, begin - 1, next - begin + 1);
+        block.fields.back().value.append(source, begin - 1, end - begin + 1);  // "\n" + line
       }
     } else if (size_t length = FieldNameLength(source, begin, end)) {
       size_t colon = source.find(':', begin + length);

@@ -266,6 +266,9 @@ void MailSource::ForEachInMbox(const std::function<void(SourceMessage&&)>& each)
   // a writer forgot to quote stays in its message.
   size_t from_line = 0;
   int64_t from_time = 0;
+  constexpr size_t kReleaseBytes = size_t{64} << 20;
+  const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  size_t released = 0;
   ParseFromLine(std::string(data, line_end(0)), &from_time);
   while (from_line < size) {
     size_t begin = std::min(line_end(from_line) + 1, size);
@@ -296,6 +299,13 @@ void MailSource::ForEachInMbox(const std::function<void(SourceMessage&&)>& each)
     if (!message.raw.empty()) each(std::move(message));
     from_line = next;
     from_time = next_time;
+    // What has been read is not needed again: a large mbox does not stay
+    // in memory as it is read.
+    if (from_line - released >= kReleaseBytes) {
+      size_t upto = from_line / page * page;
+      madvise(const_cast<char*>(data) + released, upto - released, MADV_DONTNEED);
+      released = upto;
+    }
   }
 }
 
