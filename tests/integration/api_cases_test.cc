@@ -10,7 +10,9 @@
 //   <status 404                      the answer is the CGI 404 page
 //
 // An expected JSON value matches when every member it names matches (objects
-// may hold more members); arrays match element by element and in length.
+// may hold more members); arrays match element by element and in length; an
+// expected string "~text" matches a string that contains text, "!~text" one
+// that does not.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -56,6 +58,12 @@ std::string Mismatch(const Json::Value& expected, const Json::Value& actual,
       if (!why.empty()) return why;
     }
     return "";
+  }
+  if (expected.isString() && actual.isString()) {
+    const std::string pattern = expected.asString();
+    const std::string text = actual.asString();
+    if (pattern.rfind("~", 0) == 0 && text.find(pattern.substr(1)) != std::string::npos) return "";
+    if (pattern.rfind("!~", 0) == 0 && text.find(pattern.substr(2)) == std::string::npos) return "";
   }
   if (expected == actual) return "";
   return where + ": expected " + ZEVO::WebAPIUtil::ToString(expected) + ", got " +
