@@ -20,33 +20,12 @@
 
 #include "appliance/system/appliance.h"
 #include "appliance/system/user_admin.h"
+#include "appliance/tools/command_line.h"
 #include "appliance/tools/lighttpd_config.h"
+#include "appliance/tools/mail_commands.h"
 
 namespace larkpost::tools {
-namespace {
 
-using Args = std::vector<std::string>;
-
-constexpr char kUsage[] =
-    "usage: larkpostctl [--root DIR] COMMAND ...\n"
-    "\n"
-    "  user add NAME --password PW [--admin] [--domain D]\n"
-    "      add an account; prints its uid\n"
-    "  user list\n"
-    "      one line per account: uid, name, domain, \"admin\" for administrators\n"
-    "  serve [--listen HOST:PORT]\n"
-    "      run the web server in the foreground (default 127.0.0.1:8080; IPv6 as\n"
-    "      [::1]:8080); Ctrl-C stops it\n"
-    "\n"
-    "--root DIR is the data root (default $LARKPOST_ROOT, else ./var).\n";
-
-// A mistake in the command line: reported with the usage, exit status 1.
-class UsageError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
-
-// The folders every command may rely on.
 void PrepareDataRoot() {
   using namespace larkpost::appliance;
   for (const std::string& dir :
@@ -56,8 +35,6 @@ void PrepareDataRoot() {
   }
 }
 
-// Takes the value of option `name` at args[i] (as "--name V" or
-// "--name=V"); true when args[i] was that option.
 bool TakeOption(const Args& args, size_t& i, const std::string& name, std::string* value) {
   if (args[i] == name) {
     if (i + 1 >= args.size()) throw UsageError(name + " needs a value");
@@ -70,6 +47,27 @@ bool TakeOption(const Args& args, size_t& i, const std::string& name, std::strin
   }
   return false;
 }
+
+namespace {
+
+constexpr char kUsage[] =
+    "usage: larkpostctl [--root DIR] COMMAND ...\n"
+    "\n"
+    "  user add NAME --password PW [--admin] [--domain D]\n"
+    "      add an account; prints its uid\n"
+    "  user list\n"
+    "      one line per account: uid, name, domain, \"admin\" for administrators\n"
+    "  deliver NAME [--mailbox PATH] < MESSAGE\n"
+    "      store one message (RFC 5322, on standard input) for user NAME, in the\n"
+    "      inbox or the mailbox PATH (\"Work/Projects\"); prints the message id\n"
+    "  import NAME [--mailbox PATH] SOURCE...\n"
+    "      store the messages of mbox files, Maildir folders or single message\n"
+    "      files for user NAME; prints how many were stored\n"
+    "  serve [--listen HOST:PORT]\n"
+    "      run the web server in the foreground (default 127.0.0.1:8080; IPv6 as\n"
+    "      [::1]:8080); Ctrl-C stops it\n"
+    "\n"
+    "--root DIR is the data root (default $LARKPOST_ROOT, else ./var).\n";
 
 int UserAdd(const Args& args) {
   std::string name, password, domain = "localdomain";
@@ -185,6 +183,8 @@ struct Command {
 
 constexpr Command kCommands[] = {
     {"user", User},
+    {"deliver", Deliver},
+    {"import", Import},
     {"serve", Serve},
 };
 

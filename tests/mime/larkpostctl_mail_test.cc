@@ -1,0 +1,257 @@
+// larkpostctl deliver and import, run as programs on a fresh data root; what
+// they stored is read back through the core.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <stdio.h>
+#include <sys/wait.h>
+
+#include <ctime>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "appliance/mailcore/controller_impl.h"
+#include "appliance/system/appliance.h"
+#include "platform/mailcore/constant.h"
+#include "platform/mailcore/control.h"
+#include "platform/mailcore/controller.h"
+#include "platform/mailcore/db_setup.h"
+#include "platform/mailcore/sync.h"
+#include "tests/system/temp_root.h"
+
+namespace ornic::larkpost {
+namespace {
+
+using ::testing::HasSubstr;
+
+const std::string kFixtures = LARKPOST_MAIL_FIXTURES;
+
+std::string Fixture(const std::string& name) {
+  std::ifstream in(kFixtures + "/" + name, std::ios::binary);
+  std::ostringstream bytes;
+  bytes << in.rdbuf();
+  return bytes.str();
+}
+
+struct Result {
+  int status = -1;
+  std::string out, err;
+};
+
+class LarkpostctlMailTest : public ::testing::Test {
+ protected:
+  ~LarkpostctlMailTest() override { store::CloseConnections(); }
+
+  // larkpostctl WORDS on this test's root, standard input from the file
+  // `input`.
+  Result Ctl(const std::string& words, const std::string& input = "/dev/null") {
+    std::string command = "'" LARKPOSTCTL_PATH "' --root " + root_.path() + " " + words + " <'" +
+                          input + "' 2>" + root_.path() + "/stderr";
+    FILE* pipe = popen(command.c_str(), "r");
+    Result result;
+    char buffer[4096];
+    for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) result.out.append(buffer, n);
+    int status = pclose(pipe);
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    result.err = root_.Read("stderr");
+    return result;
+  }
+
+  Result Deliver(const std::string& words, const std::string& message) {
+    root_.Write("input.eml", message);
+    return Ctl("deliver " + words, root_.path() + "/input.eml");
+  }
+
+  // The store as the web client's first call leaves it.
+  control::Controller& SetUpStore() {
+    EXPECT_TRUE(db::DBSetupHandler(uid_).SetupDB());
+    control::MailboxSyncer::CheckDefaultMailbox(controller_);
+    return controller_;
+  }
+
+  // Every stored message (ids are small numbers in a fresh store).
+  std::vector<record::FullMessage> Messages() {
+    std::vector<int> ids;
+    for (int id = 1; id <= 2000; ++id) ids.push_back(id);
+    return control::MessageControl(controller_).GetFullMessages(ids);
+  }
+
+  std::map<int, record::Mailbox> Mailboxes() {
+    std::map<int, record::Mailbox> by_id;
+    for (const record::Mailbox& mailbox : control::MailboxControl(controller_).List(true, true)) {
+      by_id[mailbox.id] = mailbox;
+    }
+    return by_id;
+  }
+
+  ::larkpost::testing::TempRoot root_;
+  uint32_t uid_ = ::larkpost::appliance::UserStore::Add("ann", "pw", false, "example.org");
+  control::Controller controller_{uid_};
+};
+
+constexpr int kInbox = control::DefaultMailbox::id<constant::kInbox>();
+
+TEST_F(LarkpostctlMailTest, DeliverCreatesTheStoreAndStoresIntoTheInboxAsItArrivesNow) {
+  EXPECT_FALSE(db::DBSetupHandler(uid_).DoesDBExist());
+  const std::string raw = Fixture("related_inline.eml");
+  int64_t before = time(nullptr);
+  Result delivered = Deliver("ann", raw);
+  int64_t after = time(nullptr);
+  ASSERT_EQ(delivered.status, 0) << delivered.err;
+  int id = std::stoi(delivered.out);
+  EXPECT_EQ(delivered.out, std::to_string(id) + "\n");
+
+  EXPECT_TRUE(db::DBSetupHandler(uid_).DoesDBExist());
+  std::map<int, record::Mailbox> mailboxes = Mailboxes();
+  EXPECT_EQ(mailboxes.size(), static_cast<size_t>(constant::kBuiltinMailboxCount));
+  EXPECT_EQ(mailboxes[kInbox].total_count, 1);
+  EXPECT_EQ(mailboxes[kInbox].unread_count, 1);
+
+  std::vector<record::FullMessage> stored =
+      control::MessageControl(controller_).GetFullMessages({id});
+  ASSERT_EQ(stored.size(), 1u);
+  const record::FullMessage& message = stored[0];
+  EXPECT_EQ(message.mailbox_id, kInbox);
+  EXPECT_EQ(message.subject, "Our new logo");
+  EXPECT_EQ(message.from, "Newsletter <news@example.com>");
+  EXPECT_EQ(message.rfc_message_id, "logo-news@example.com");
+  EXPECT_FALSE(message.read);
+  // Delivery time, not the Date header's.
+  EXPECT_GE(message.arrival_time, before);
+  EXPECT_LE(message.arrival_time, after);
+  ASSERT_EQ(message.attachments.size(), 4u);
+  EXPECT_EQ(message.attachments[0].name, "logo.png");
+  EXPECT_TRUE(message.attachments[0].is_inline);
+  EXPECT_EQ(message.attachments[0].content_id, "logo@example.com");
+  EXPECT_EQ(message.attachments[1].name, "report.pdf");
+  EXPECT_FALSE(message.attachments[1].is_inline);
+  EXPECT_EQ(control::MessageControl(controller_).OriginalContent(id), raw);
+}
+
+TEST_F(LarkpostctlMailTest, DeliverFindsAMailboxByItsUtf8Path) {
+  control::MailboxControl mailboxes(SetUpStore());
+  int work = mailboxes.Create(0, "Work", true);
+  int ete = mailboxes.Create(work, "Été", true);
+  ASSERT_GT(ete, 0);
+  const std::string raw = Fixture("thread/1.eml");
+
+  for (const auto& [words, mailbox] :
+       {std::pair{"ann --mailbox Work/Été", ete}, std::pair{"--mailbox=Work ann", work},
+        std::pair{"ann --mailbox inbox", kInbox}}) {
+    Result delivered = Deliver(words, raw);
+    ASSERT_EQ(delivered.status, 0) << words << ": " << delivered.err;
+    std::vector<record::FullMessage> stored =
+        control::MessageControl(controller_).GetFullMessages({std::stoi(delivered.out)});
+    ASSERT_EQ(stored.size(), 1u) << words;
+    EXPECT_EQ(stored[0].mailbox_id, mailbox) << words;
+  }
+}
+
+TEST_F(LarkpostctlMailTest, DeliverRefusalsStoreNothing) {
+  const std::string raw = Fixture("thread/1.eml");
+  const struct {
+    std::string words, input, error;
+  } rows[] = {
+      {"bob", raw, "no user bob"},
+      {"ann --mailbox Nowhere", raw, "no mailbox Nowhere"},
+      {"ann --mailbox Starred", raw, "Starred"},
+      {"ann", "", "no message on standard input"},
+      {"ann", "\n\r\n  \n", "no message on standard input"},
+      {"", raw, "NAME is missing"},
+      {"ann extra", raw, "unexpected extra"},
+      {"ann --mailbox", raw, "--mailbox needs a value"},
+  };
+  for (const auto& row : rows) {
+    Result refused = Deliver(row.words, row.input);
+    EXPECT_EQ(refused.status, 1) << row.words;
+    EXPECT_EQ(refused.out, "") << row.words;
+    EXPECT_THAT(refused.err, HasSubstr(row.error)) << row.words;
+  }
+  EXPECT_TRUE(Messages().empty());
+}
+
+TEST_F(LarkpostctlMailTest, ImportReadsMboxMaildirAndMessageFilesWithTheirFlags) {
+  Result imported =
+      Ctl("import ann " + kFixtures + "/archive.mbox " + kFixtures + "/maildir " + kFixtures +
+          "/thread/1.eml " + kFixtures + "/thread/2.eml " + kFixtures + "/thread/3.eml " +
+          kFixtures + "/broken_mime.eml " + kFixtures + "/no_header.eml");
+  ASSERT_EQ(imported.status, 0) << imported.err;
+  EXPECT_EQ(imported.out, "11\n");
+
+  std::map<std::string, record::FullMessage> by_subject;
+  for (const record::FullMessage& message : Messages()) by_subject[message.subject] = message;
+  ASSERT_EQ(by_subject.size(), 11u);
+  const struct {
+    const char* subject;
+    bool read;
+    int star;
+  } flags[] = {
+      {"First in the box", true, 0}, {"No date header here", false, 1},
+      {"Third", false, 0},           {"Seen", true, 0},
+      {"Seen and flagged", true, 1}, {"New", false, 0},
+      {"Budget 2024", false, 0},
+  };
+  for (const auto& row : flags) {
+    const record::FullMessage& message = by_subject[row.subject];
+    EXPECT_EQ(message.read, row.read) << row.subject;
+    EXPECT_EQ(message.star, row.star) << row.subject;
+    EXPECT_EQ(message.mailbox_id, kInbox) << row.subject;
+  }
+  // The Date header, else the mbox From line's time.
+  EXPECT_EQ(by_subject["First in the box"].arrival_time, 1704099600);
+  EXPECT_EQ(by_subject["No date header here"].arrival_time, 1704191400);
+  EXPECT_NE(by_subject["First in the box"].plain_body.find("\nFrom the archive"),
+            std::string::npos);
+  // The reply chain is one thread.
+  EXPECT_EQ(by_subject["Re: Budget 2024"].thread_id, by_subject["Budget 2024"].thread_id);
+  EXPECT_EQ(by_subject["RE: Re: Budget 2024"].thread_id, by_subject["Budget 2024"].thread_id);
+  // What could hardly be read is kept byte for byte.
+  control::MessageControl messages(controller_);
+  EXPECT_EQ(messages.OriginalContent(by_subject["Broken but readable"].id),
+            Fixture("broken_mime.eml"));
+  EXPECT_EQ(messages.OriginalContent(by_subject[""].id), Fixture("no_header.eml"));
+
+  std::map<int, record::Mailbox> mailboxes = Mailboxes();
+  EXPECT_EQ(mailboxes[kInbox].total_count, 11);
+  EXPECT_EQ(mailboxes[kInbox].unread_count, 8);
+}
+
+TEST_F(LarkpostctlMailTest, ImportLooksAtEverySourceBeforeStoringAny) {
+  for (const auto& [words, error] :
+       {std::pair{"import ann " + kFixtures + "/archive.mbox " + kFixtures + "/missing.mbox",
+                  kFixtures + "/missing.mbox: No such file"},
+        std::pair{"import ann " + kFixtures + "/archive.mbox " + kFixtures + "/thread",
+                  std::string("not a Maildir")},
+        std::pair{"import ann --mailbox Nowhere " + kFixtures + "/archive.mbox",
+                  std::string("no mailbox Nowhere")},
+        std::pair{"import bob " + kFixtures + "/archive.mbox", std::string("no user bob")},
+        std::pair{std::string("import ann"), std::string("no SOURCE given")}}) {
+    Result refused = Ctl(words);
+    EXPECT_EQ(refused.status, 1) << words;
+    EXPECT_EQ(refused.out, "") << words;
+    EXPECT_THAT(refused.err, HasSubstr(error)) << words;
+  }
+  EXPECT_TRUE(Messages().empty());
+}
+
+TEST_F(LarkpostctlMailTest, ImportStoresLargeSourcesInBatchesIntoTheMailboxAsked) {
+  std::string mbox;
+  constexpr int kCount = 1234;  // more than two batches
+  for (int i = 0; i < kCount; ++i) {
+    mbox += "From sender@example.org Mon Jan  1 09:00:00 2024\nSubject: number " +
+            std::to_string(i) + "\nMessage-ID: <n" + std::to_string(i) +
+            "@example.org>\n\nbody\n\n";
+  }
+  root_.Write("big.mbox", mbox);
+  Result imported = Ctl("import --mailbox Archived ann " + root_.path() + "/big.mbox");
+  ASSERT_EQ(imported.status, 0) << imported.err;
+  EXPECT_EQ(imported.out, std::to_string(kCount) + "\n");
+  std::map<int, record::Mailbox> mailboxes = Mailboxes();
+  EXPECT_EQ(mailboxes[control::DefaultMailbox::id<constant::kArchived>()].total_count, kCount);
+  EXPECT_EQ(mailboxes[kInbox].total_count, 0);
+}
+
+}  // namespace
+}  // namespace ornic::larkpost
