@@ -18,7 +18,8 @@ struct NewAttachment {
   int64_t size = 0;        // bytes of the decoded content
   // Where the part is in the message source, so that its content can be
   // decoded again on demand: the MIME part numbers joined by "." ("2",
-  // "1.3"), as GMime's part iterator numbers them.
+  // "1.3"), as GMime's part iterator numbers them ("0" for the one part of
+  // a message that is not multipart).
   std::string part_path;
 };
 
