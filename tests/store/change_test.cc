@@ -100,13 +100,6 @@ TEST_F(ChangeTest, DeletingMovesToTrashThenDeletesForGood) {
   EXPECT_FALSE(threads_.DeleteTrash({thread_}));
 }
 
-TEST_F(ChangeTest, DeletingAThreadPartlyInTrashMovesTheRest) {
-  ASSERT_TRUE(messages_.SetMailbox({m1_}, kTrash));
-  ASSERT_TRUE(threads_.DeleteTrash({thread_}));
-  EXPECT_EQ(Mailboxes({m1_, m2_, draft_}), (Ids{kTrash, kTrash, kTrash}));
-  EXPECT_EQ(Inconsistencies(), std::vector<std::string>());
-}
-
 TEST_F(ChangeTest, MovingAThreadLeavesItsDrafts) {
   ASSERT_TRUE(threads_.SetMailbox({thread_}, kArchived));
   EXPECT_EQ(Mailboxes({m1_, m2_, draft_, u_}), (Ids{kArchived, kArchived, kDrafts, kInbox}));
@@ -115,13 +108,16 @@ TEST_F(ChangeTest, MovingAThreadLeavesItsDrafts) {
   EXPECT_EQ(Inconsistencies(), std::vector<std::string>());
 }
 
-TEST_F(ChangeTest, MovingAMessageToTrashTwiceDeletesIt) {
+TEST_F(ChangeTest, TrashRuleHoldsForMessagesAndPartlyTrashedThreads) {
+  ASSERT_TRUE(messages_.SetMailbox({m1_, u_}, kTrash));
+  // A thread partly in trash: the rest follows, nothing goes for good yet.
+  ASSERT_TRUE(threads_.DeleteTrash({thread_}));
+  EXPECT_EQ(Mailboxes({m1_, m2_, draft_, u_}), (Ids{kTrash, kTrash, kTrash, kTrash}));
+  // Messages moved to trash from trash go for good.
   ASSERT_TRUE(messages_.SetMailbox({m2_, u_}, kTrash));
-  EXPECT_EQ(Mailboxes({m1_, m2_, u_}), (Ids{kInbox, kTrash, kTrash}));
-  ASSERT_TRUE(messages_.SetMailbox({m2_, m1_}, kTrash));
-  EXPECT_EQ(Mailboxes({m1_, m2_, u_}), (Ids{kTrash, 0, kTrash}));
-  ASSERT_TRUE(messages_.SetMailbox({u_}, kInbox));
-  EXPECT_EQ(MailboxOf(u_), kInbox);
+  EXPECT_EQ(Mailboxes({m1_, m2_, draft_, u_}), (Ids{kTrash, 0, kTrash, 0}));
+  ASSERT_TRUE(messages_.SetMailbox({m1_}, kInbox));
+  EXPECT_EQ(MailboxOf(m1_), kInbox);
   EXPECT_EQ(Inconsistencies(), std::vector<std::string>());
 }
 
@@ -175,24 +171,6 @@ TEST_F(ChangeTest, AStoreFailureHalfwayLeavesNothingChanged) {
   EXPECT_EQ(Snapshot(), before);
   db().Exec("DROP TRIGGER temp.fail");
   EXPECT_TRUE(threads_.DeleteTrash({thread_, ThreadOf(u_)}));
-}
-
-TEST_F(ChangeTest, LabelsComeAndGoOnThreads) {
-  control::LabelConfig config;
-  config.name.Set("Again");
-  config.text_color.Set("#111");
-  config.background_color.Set("#eee");
-  int other = control::LabelControl(controller()).Create(config);
-  ASSERT_TRUE(threads_.AddLabel({thread_, thread_}, {label_, other}));  // once is enough
-  std::vector<record::Thread> listed = threads_.List({thread_});
-  ASSERT_EQ(listed.size(), 1u);
-  ASSERT_EQ(listed[0].labels.size(), 2u);
-  EXPECT_EQ(listed[0].labels[0].name, "Again");  // by name
-  EXPECT_EQ(listed[0].labels[1].key, "$label" + std::to_string(label_));
-  EXPECT_EQ(threads_.GetExistingThread({ThreadOf(u_), thread_}, {}, other), Ids{thread_});
-  ASSERT_TRUE(threads_.RemoveLabel({thread_}, {label_}));
-  EXPECT_EQ(threads_.GetExistingThread({thread_, ThreadOf(u_)}, {}, label_), Ids{ThreadOf(u_)});
-  EXPECT_EQ(Inconsistencies(), std::vector<std::string>());
 }
 
 TEST_F(ChangeTest, ThreadsAreListedAsAskedWithMessagesOldestFirst) {

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "tests/store/store_fixture.h"
@@ -176,21 +177,17 @@ TEST_F(LabelTest, ALabelLivesWithAStableKey) {
   }
   EXPECT_EQ(Names(), (std::vector<std::string>{"Home", "Work"}));
 
-  ASSERT_TRUE(labels_.Modify(work, Config(nullptr, "#111", nullptr)));
-  ASSERT_TRUE(labels_.Modify(work, Config("Office", nullptr, nullptr)));
-  ASSERT_TRUE(labels_.Modify(work, control::LabelConfig()));
-  std::vector<record::Label> got = labels_.Get({999, work, home, work}, false);
-  ASSERT_EQ(got.size(), 2u);
-  EXPECT_EQ(got[0].name, "Office");
-  EXPECT_EQ(got[0].key, "$label" + std::to_string(work));  // renaming keeps the key
-  EXPECT_EQ(got[0].text_color, "#111");
-  EXPECT_EQ(got[0].background_color, "#A0B1C2");
-  EXPECT_EQ(got[0].unread_count, -1);
-  EXPECT_EQ(got[1].id, home);
-  EXPECT_FALSE(labels_.Modify(work, Config(nullptr, nullptr, "red")));
+  ASSERT_TRUE(labels_.Modify(work, Config("Office", "#111", nullptr)));
+  EXPECT_FALSE(labels_.Modify(work, Config("Bad", nullptr, "red")));
   EXPECT_FALSE(labels_.Modify(work, Config("", nullptr, nullptr)));
   EXPECT_FALSE(labels_.Modify(999, Config("X", nullptr, nullptr)));
-  EXPECT_EQ(labels_.Get({work}, false).at(0).name, "Office");
+  std::vector<record::Label> got = labels_.Get({999, work, home, work}, false);
+  ASSERT_EQ(got.size(), 2u);
+  // Renaming keeps the key; what was not given keeps its value.
+  EXPECT_EQ(std::tie(got[0].name, got[0].key, got[0].text_color, got[0].background_color),
+            std::make_tuple("Office", "$label" + std::to_string(work), "#111", "#A0B1C2"));
+  EXPECT_EQ(got[0].unread_count, -1);
+  EXPECT_EQ(got[1].id, home);
 
   EXPECT_FALSE(labels_.Delete({home, 999}));
   EXPECT_EQ(Names().size(), 2u);
