@@ -68,7 +68,8 @@ class ZEVO_PLATFORM_API ThreadControl {
   explicit ThreadControl(Controller& controller);
 
   // The threads of `ids` that exist, in the order of `ids`, each with its
-  // messages (oldest first) and labels.
+  // messages (oldest first; each with its listed attachments, not the inline
+  // ones) and labels.
   std::vector<record::Thread> List(const std::vector<int>& ids);
   // Those of `ids` that exist and, when given, have a message in `mailbox`
   // and carry `label`; in the order of `ids`.
@@ -101,6 +102,8 @@ class ZEVO_PLATFORM_API MessageControl {
   bool SetReadByID(const std::vector<int>& ids, bool read);
   bool SetReadByThreadID(const std::vector<int>& thread_ids, bool read);
   // False when an id or the mailbox is unknown, or the mailbox is virtual.
+  // Drafts move too. Moving a message that is in trash to trash deletes it
+  // for good: the one way to delete a single message.
   bool SetMailbox(const std::vector<int>& ids, int mailbox_id);
   // Deletes every message of the mailbox for good. False when the mailbox
   // is unknown.

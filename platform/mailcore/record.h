@@ -89,7 +89,7 @@ class ZEVO_PLATFORM_API Mailbox {
   int32_t parent_id = 0;  // 0: top level
   std::string path;       // raw path, IMAP modified UTF-7, "/" between levels
   bool subscribed = true;
-  int32_t unread_count = -1;  // unread messages (drafts not counted)
+  int32_t unread_count = -1;  // unread messages, drafts not counted
   int32_t total_count = -1;   // all messages, drafts included
 };
 
