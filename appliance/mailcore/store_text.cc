@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "appliance/mailcore/base/utf8.h"
+
 namespace ornic::larkpost::store {
 namespace {
 
@@ -14,63 +16,6 @@ bool IsBlank(unsigned char c) {
 }
 
 char AsciiLower(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
-
-// Reads one UTF-8 sequence at `*pos`; false (and `*pos` unchanged) when the
-// bytes there are not a valid, shortest-form sequence of a scalar value.
-bool NextCodePoint(const std::string& text, size_t* pos, uint32_t* code) {
-  size_t i = *pos;
-  auto byte = [&](size_t k) { return static_cast<unsigned char>(text[k]); };
-  unsigned char lead = byte(i);
-  int length;
-  uint32_t value;
-  if (lead < 0x80) {
-    *code = lead;
-    *pos = i + 1;
-    return true;
-  } else if (lead >= 0xC2 && lead <= 0xDF) {
-    length = 2;
-    value = lead & 0x1F;
-  } else if (lead >= 0xE0 && lead <= 0xEF) {
-    length = 3;
-    value = lead & 0x0F;
-  } else if (lead >= 0xF0 && lead <= 0xF4) {
-    length = 4;
-    value = lead & 0x07;
-  } else {
-    return false;
-  }
-  if (i + length > text.size()) return false;
-  for (int k = 1; k < length; ++k) {
-    unsigned char next = byte(i + k);
-    if ((next & 0xC0) != 0x80) return false;
-    value = (value << 6) | (next & 0x3F);
-  }
-  if ((length == 3 && value < 0x800) || (length == 4 && (value < 0x10000 || value > 0x10FFFF)) ||
-      (value >= 0xD800 && value <= 0xDFFF)) {
-    return false;
-  }
-  *code = value;
-  *pos = i + length;
-  return true;
-}
-
-void AppendUtf8(uint32_t code, std::string* out) {
-  if (code < 0x80) {
-    out->push_back(static_cast<char>(code));
-  } else if (code < 0x800) {
-    out->push_back(static_cast<char>(0xC0 | (code >> 6)));
-    out->push_back(static_cast<char>(0x80 | (code & 0x3F)));
-  } else if (code < 0x10000) {
-    out->push_back(static_cast<char>(0xE0 | (code >> 12)));
-    out->push_back(static_cast<char>(0x80 | ((code >> 6) & 0x3F)));
-    out->push_back(static_cast<char>(0x80 | (code & 0x3F)));
-  } else {
-    out->push_back(static_cast<char>(0xF0 | (code >> 18)));
-    out->push_back(static_cast<char>(0x80 | ((code >> 12) & 0x3F)));
-    out->push_back(static_cast<char>(0x80 | ((code >> 6) & 0x3F)));
-    out->push_back(static_cast<char>(0x80 | (code & 0x3F)));
-  }
-}
 
 uint32_t FoldCodePoint(uint32_t c) {
   if (c >= 'A' && c <= 'Z') return c + 32;
@@ -144,12 +89,12 @@ std::string FoldCase(const std::string& text) {
       continue;
     }
     uint32_t code;
-    if (!NextCodePoint(text, &pos, &code)) {
+    if (!utf8::Next(text, &pos, &code)) {
       out.push_back(static_cast<char>(c));
       ++pos;
       continue;
     }
-    AppendUtf8(FoldCodePoint(code), &out);
+    utf8::Append(FoldCodePoint(code), &out);
   }
   return out;
 }
@@ -171,7 +116,7 @@ std::string Preview(const std::string& text, size_t chars) {
   size_t pos = 0;
   for (size_t n = 0; n < chars && pos < collapsed.size(); ++n) {
     uint32_t code;
-    if (!NextCodePoint(collapsed, &pos, &code)) ++pos;
+    if (!utf8::Next(collapsed, &pos, &code)) ++pos;
   }
   return collapsed.substr(0, pos);
 }
@@ -261,7 +206,7 @@ std::vector<std::string> DecodeStringArray(const std::string& json) {
             }
           }
           if (unit >= 0xD800 && unit <= 0xDFFF) unit = 0xFFFD;
-          AppendUtf8(unit, &value);
+          utf8::Append(unit, &value);
           break;
         }
         default:

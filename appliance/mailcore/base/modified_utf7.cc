@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "appliance/mailcore/base/utf8.h"
+
 namespace ornic::larkpost::imap {
 namespace {
 
@@ -17,57 +19,6 @@ int AlphabetIndex(char c) {
   if (c == '+') return 62;
   if (c == ',') return 63;
   return -1;
-}
-
-// Reads one code point of `text` at `*pos` and advances; false on a
-// malformed, overlong or surrogate sequence.
-bool NextCodePoint(std::string_view text, size_t* pos, uint32_t* out) {
-  const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
-  const unsigned char lead = byte(*pos);
-  int length;
-  uint32_t c;
-  uint32_t min;
-  if (lead < 0x80) {
-    *out = lead;
-    *pos += 1;
-    return true;
-  } else if ((lead & 0xe0) == 0xc0) {
-    length = 2, c = lead & 0x1f, min = 0x80;
-  } else if ((lead & 0xf0) == 0xe0) {
-    length = 3, c = lead & 0x0f, min = 0x800;
-  } else if ((lead & 0xf8) == 0xf0) {
-    length = 4, c = lead & 0x07, min = 0x10000;
-  } else {
-    return false;
-  }
-  if (*pos + length > text.size()) return false;
-  for (int i = 1; i < length; ++i) {
-    const unsigned char next = byte(*pos + i);
-    if ((next & 0xc0) != 0x80) return false;
-    c = (c << 6) | (next & 0x3f);
-  }
-  if (c < min || c > 0x10ffff || (c >= 0xd800 && c <= 0xdfff)) return false;
-  *out = c;
-  *pos += length;
-  return true;
-}
-
-void AppendUTF8(uint32_t c, std::string* out) {
-  if (c < 0x80) {
-    out->push_back(static_cast<char>(c));
-  } else if (c < 0x800) {
-    out->push_back(static_cast<char>(0xc0 | (c >> 6)));
-    out->push_back(static_cast<char>(0x80 | (c & 0x3f)));
-  } else if (c < 0x10000) {
-    out->push_back(static_cast<char>(0xe0 | (c >> 12)));
-    out->push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3f)));
-    out->push_back(static_cast<char>(0x80 | (c & 0x3f)));
-  } else {
-    out->push_back(static_cast<char>(0xf0 | (c >> 18)));
-    out->push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3f)));
-    out->push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3f)));
-    out->push_back(static_cast<char>(0x80 | (c & 0x3f)));
-  }
 }
 
 // Writes `units` as one "&...-" run.
@@ -122,7 +73,7 @@ std::optional<std::string> EncodeModifiedUTF7(std::string_view utf8) {
   size_t pos = 0;
   while (pos < utf8.size()) {
     uint32_t c;
-    if (!NextCodePoint(utf8, &pos, &c)) return std::nullopt;
+    if (!utf8::Next(utf8, &pos, &c)) return std::nullopt;
     if (IsDirect(c)) {
       if (!run.empty()) {
         AppendRun(run, &out);
@@ -172,7 +123,7 @@ std::optional<std::string> DecodeModifiedUTF7(std::string_view mutf7) {
       } else if ((unit >= 0xdc00 && unit <= 0xdfff) || IsDirect(unit)) {
         return std::nullopt;
       }
-      AppendUTF8(unit, &out);
+      utf8::Append(unit, &out);
     }
   }
   return out;

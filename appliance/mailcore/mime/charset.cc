@@ -7,6 +7,8 @@
 #include <string>
 #include <unordered_map>
 
+#include "appliance/mailcore/base/utf8.h"
+
 namespace ornic::larkpost::mime {
 namespace {
 
@@ -162,23 +164,7 @@ std::string Convert(iconv_t converter, const std::string& bytes) {
 
 }  // namespace
 
-void AppendUtf8(std::string& out, char32_t c) {
-  if (c < 0x80) {
-    out += static_cast<char>(c);
-  } else if (c < 0x800) {
-    out += static_cast<char>(0xC0 | (c >> 6));
-    out += static_cast<char>(0x80 | (c & 0x3F));
-  } else if (c < 0x10000) {
-    out += static_cast<char>(0xE0 | (c >> 12));
-    out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (c & 0x3F));
-  } else {
-    out += static_cast<char>(0xF0 | (c >> 18));
-    out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-    out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (c & 0x3F));
-  }
-}
+void AppendUtf8(std::string& out, char32_t c) { utf8::Append(c, &out); }
 
 bool IsValidUtf8(const std::string& text) {
   for (size_t i = 0; i < text.size();) {
