@@ -1,8 +1,8 @@
 #include "tests/fake/fake_core.h"
 
-#include <sys/stat.h>
-
 #include <cstring>
+#include <filesystem>
+#include <memory>
 #include <string>
 
 #include "platform/mailcore/controller.h"
@@ -23,10 +23,6 @@ Core& core() {
 }
 
 void Reset() { core() = Core(); }
-
-void AddUser(uint32_t uid, const std::string& name, bool is_admin) {
-  core().users[uid] = FakeUser{name, is_admin};
-}
 
 bool Call(const std::string& op, const std::string& args) {
   const std::string call = args.empty() ? op : op + " " + args;
@@ -55,22 +51,20 @@ using larkpost::fake::core;
 
 namespace ornic::sdk {
 
-ZevoUser::ZevoUser(uint32_t uid) : uid_(ZEVO::kUnknownUID), domain_("localdomain") {
+ZevoUser::ZevoUser(uint32_t uid) : uid_(ZEVO::kUnknownUID) {
   auto user = core().users.find(uid);
   if (user == core().users.end()) return;
   uid_ = uid;
-  name_ = user->second.name;
-  is_admin_ = user->second.is_admin;
+  name_ = user->second;
   valid_ = true;
 }
 
-ZevoUser::ZevoUser(const std::string& name) : uid_(ZEVO::kUnknownUID), domain_("localdomain") {
+ZevoUser::ZevoUser(const std::string& name) : uid_(ZEVO::kUnknownUID) {
   Call("ZevoUser", name);
-  for (const auto& [uid, user] : core().users) {
-    if (user.name != name) continue;
+  for (const auto& [uid, user_name] : core().users) {
+    if (user_name != name) continue;
     uid_ = uid;
     name_ = name;
-    is_admin_ = user.is_admin;
     valid_ = true;
   }
 }
@@ -78,24 +72,11 @@ ZevoUser::ZevoUser(const std::string& name) : uid_(ZEVO::kUnknownUID), domain_("
 bool ZevoUser::IsValid() const { return valid_; }
 uint32_t ZevoUser::uid() const { return uid_; }
 const std::string& ZevoUser::name() const { return name_; }
-const std::string& ZevoUser::domain() const { return domain_; }
-bool ZevoUser::is_admin() const { return is_admin_; }
-std::string ZevoUser::home() const { return core().app_root + "/homes/" + name_; }
 
 std::string ZevoUser::PrepareUserLarkpostDir(const std::string& name) const {
   Call("ZevoUser::PrepareUserLarkpostDir", name);
-  std::string path = core().app_root + "/" + std::to_string(uid_);
-  mkdir(path.c_str(), 0700);
-  size_t start = 0;
-  while (start < name.size()) {
-    size_t end = name.find('/', start);
-    if (end == std::string::npos) end = name.size();
-    if (end > start) {
-      path += "/" + name.substr(start, end - start);
-      mkdir(path.c_str(), 0700);
-    }
-    start = end + 1;
-  }
+  const std::string path = core().app_root + "/" + std::to_string(uid_) + "/" + name;
+  std::filesystem::create_directories(path);
   return path;
 }
 
@@ -106,29 +87,27 @@ std::string ZevoUser::PrepareUserLarkpostDir(const std::string& name) const {
 namespace ornic::larkpost::control {
 
 struct Controller::Impl {
-  std::string session_id;
   sdk::ZevoUser user;
 };
 
-Controller::Controller(uint32_t uid, std::string session_id) {
-  Call("Controller", std::to_string(uid) + " " + session_id);
+namespace {
+
+// `args` as recorded: the uid, and the session id when one is given.
+std::unique_ptr<Controller::Impl> OpenSession(uint32_t uid, const std::string& args) {
+  Call("Controller", args);
   sdk::ZevoUser user(uid);
   if (!user.IsValid()) throw ornic::Error(kErrorNoSuchUser);
-  impl_.reset(new Impl{std::move(session_id), user});
+  return std::unique_ptr<Controller::Impl>(new Controller::Impl{user});
 }
 
-Controller::Controller(uint32_t uid) {
-  Call("Controller", std::to_string(uid));
-  sdk::ZevoUser user(uid);
-  if (!user.IsValid()) throw ornic::Error(kErrorNoSuchUser);
-  impl_.reset(new Impl{"", user});
-}
+}  // namespace
 
+Controller::Controller(uint32_t uid, std::string session_id)
+    : impl_(OpenSession(uid, std::to_string(uid) + " " + session_id)) {}
+Controller::Controller(uint32_t uid) : impl_(OpenSession(uid, std::to_string(uid))) {}
 Controller::~Controller() = default;
 uint32_t Controller::uid() const { return impl_->user.uid(); }
-const std::string& Controller::session_id() const { return impl_->session_id; }
 const sdk::ZevoUser& Controller::zevo_user() const { return impl_->user; }
-Controller::Impl& Controller::impl() const { return *impl_; }
 
 // ------------------------------------------------------------- syncers and upkeep
 
@@ -192,13 +171,6 @@ extern "C" {
 
 int ZEVOLarkpostNotifyMailboxUpdate(uint32_t uid) {
   return Call("ZEVOLarkpostNotifyMailboxUpdate", std::to_string(uid)) ? 0 : -1;
-}
-
-int ZEVOLarkpostNotifyMailboxDelayUpdate(uint32_t uid, int delay) {
-  return Call("ZEVOLarkpostNotifyMailboxDelayUpdate",
-              std::to_string(uid) + " " + std::to_string(delay))
-             ? 0
-             : -1;
 }
 
 ZEVO_CGI_CTX* ZevoCgiInitEx(int timeout, int mode, const char* session_file, const char* extra) {

@@ -15,27 +15,20 @@
 
 namespace larkpost::fake {
 
-struct FakeUser {
-  std::string name;
-  bool is_admin = false;
-};
-
 struct Core {
   // ------------------------------------------------------------- test data
-  std::map<uint32_t, FakeUser> users;
+  std::map<uint32_t, std::string> users;           // uid -> name
   std::map<std::string, std::string> mail_server;  // GetMailServerKey
   std::set<uint32_t> databases;                    // users whose store exists
   std::map<std::string, std::string> sessions;     // session id -> user name
   int vex_timeout = 1800;
   std::string app_root;  // PrepareUserLarkpostDir makes folders below it
 
-  // The user's mail, as the browsing operations read it. Lookups by id
-  // answer in the order of the ids asked for and leave unknown ids out.
+  // The user's mail. Lookups by id answer in the order of the ids asked for
+  // and leave unknown ids out; lists answer the whole vector as it is.
   std::map<int, ornic::larkpost::record::Thread> threads;
   std::map<int, ornic::larkpost::record::FullMessage> messages;
   std::map<int, std::string> originals;  // MessageControl::OriginalContent
-  // In the core's order, with their counts; a list that did not ask for a
-  // count gets -1 in its place.
   std::vector<ornic::larkpost::record::Mailbox> mailboxes;
   std::vector<ornic::larkpost::record::Label> labels;
   // Every thread that a search matches, in order; Search pages them.
@@ -53,24 +46,11 @@ struct Core {
 
   // --------------------------------------------------------------- records
   std::vector<std::string> calls;
-
-  // The criteria of every SearchControl::Search, in order.
-  struct Search {
-    int32_t offset;
-    int32_t limit;
-    bool has_max_arrival_before;
-    int64_t max_arrival_before;
-    std::vector<ornic::larkpost::record::Condition> conditions;
-    bool match_any;
-  };
-  std::vector<Search> searches;
 };
 
 // The test process's fake core; Reset() before each test.
 Core& core();
 void Reset();
-
-void AddUser(uint32_t uid, const std::string& name, bool is_admin = false);
 
 // Records "op args" (or "op" when args is empty). Throws ornic::Error when
 // the operation is set to throw; returns false when it is set to fail by its

@@ -2,7 +2,8 @@
 // mailboxes, labels and search, over the test data in fake::Core. Every call
 // is recorded with its arguments in a fixed text form:
 //   id lists "[1,2]"; absent optionals and change-record fields "-";
-//   strings in change records quoted ('Work'), so blanks show.
+//   strings in change records quoted ('Work'), so blanks show; search
+//   conditions "[key:value,key:value:not]".
 #include <algorithm>
 #include <string>
 #include <vector>
@@ -72,17 +73,10 @@ std::vector<int> ThreadControl::GetExistingThread(const std::vector<int>& ids,
             IdList(ids) + " mailbox=" + Optional(mailbox) + " label=" + Optional(label))) {
     return {};
   }
+  // Narrowing by mailbox and label is the core's business: the record of
+  // the call shows what was asked for.
   std::vector<int> existing;
-  for (const record::Thread& thread : Lookup(core().threads, ids)) {
-    bool in_mailbox = !mailbox || std::any_of(thread.messages.begin(), thread.messages.end(),
-                                              [&](const record::Message& message) {
-                                                return message.mailbox_id == *mailbox;
-                                              });
-    bool labelled =
-        !label || std::any_of(thread.labels.begin(), thread.labels.end(),
-                              [&](const record::Label& carried) { return carried.id == *label; });
-    if (in_mailbox && labelled) existing.push_back(thread.id);
-  }
+  for (const record::Thread& thread : Lookup(core().threads, ids)) existing.push_back(thread.id);
   return existing;
 }
 
@@ -143,12 +137,7 @@ MailboxControl::MailboxControl(Controller& controller) : controller_(controller)
 
 std::vector<record::Mailbox> MailboxControl::List(bool unread, bool total) {
   if (!Call("MailboxControl::List", Bool(unread) + " " + Bool(total))) return {};
-  std::vector<record::Mailbox> mailboxes = core().mailboxes;
-  for (record::Mailbox& mailbox : mailboxes) {
-    if (!unread) mailbox.unread_count = -1;
-    if (!total) mailbox.total_count = -1;
-  }
-  return mailboxes;
+  return core().mailboxes;
 }
 
 record::Mailbox MailboxControl::Get(int id) {
@@ -186,13 +175,6 @@ std::string LabelFields(const LabelConfig& config) {
          " background_color=" + Field(config.background_color);
 }
 
-std::vector<record::Label> WithUnread(std::vector<record::Label> labels, bool unread) {
-  if (!unread) {
-    for (record::Label& label : labels) label.unread_count = -1;
-  }
-  return labels;
-}
-
 }  // namespace
 
 int LabelControl::Create(const LabelConfig& config) {
@@ -215,12 +197,12 @@ std::vector<record::Label> LabelControl::Get(const std::vector<int>& ids, bool u
       if (label.id == id) found.push_back(label);
     }
   }
-  return WithUnread(found, unread);
+  return found;
 }
 
 std::vector<record::Label> LabelControl::List(bool unread) {
   if (!Call("LabelControl::List", Bool(unread))) return {};
-  return WithUnread(core().labels, unread);
+  return core().labels;
 }
 
 // ------------------------------------------------------------------ SearchControl
@@ -244,15 +226,18 @@ void SearchControl::SetMaxArrivalBefore(int64_t time) {
 
 void SearchControl::SetConditions(const std::vector<record::Condition>& conditions,
                                   bool match_any) {
-  Call("SearchControl::SetConditions",
-       std::to_string(conditions.size()) + " match_any=" + Bool(match_any));
+  std::string text = "[";
+  for (const record::Condition& condition : conditions) {
+    if (text.size() > 1) text += ",";
+    text +=
+        std::to_string(condition.key) + ":" + condition.value + (condition.negate ? ":not" : "");
+  }
+  Call("SearchControl::SetConditions", text + "] match_any=" + Bool(match_any));
   conditions_ = conditions;
   match_any_ = match_any;
 }
 
 uint32_t SearchControl::Search(std::vector<int>& ids) {
-  core().searches.push_back({offset_, limit_, max_arrival_before_.has_value(),
-                             max_arrival_before_.value_or(0), conditions_, match_any_});
   if (!Call("SearchControl::Search")) return 0;
   const std::vector<int>& all = core().search_result;
   const size_t begin = std::min(all.size(), static_cast<size_t>(std::max(offset_, 0)));

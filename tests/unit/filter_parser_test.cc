@@ -14,32 +14,35 @@
 namespace larkpost::test {
 namespace {
 
-namespace constant = ornic::larkpost::constant;
 namespace record = ornic::larkpost::record;
 using ornic::larkpost::control::Controller;
 using ornic::larkpost::webapi::FilterParser;
 using ::testing::ElementsAre;
+using ::testing::IsEmpty;
 
 class FilterParserTest : public HandlerTest {
  protected:
   void SetUp() override {
     HandlerTest::SetUp();
-    record::Label label;
-    label.id = 7;
-    label.name = "Work";
-    label.key = "work-7f3a";
-    fake::core().labels = {label};
-    record::Mailbox mailbox;
-    mailbox.id = 5;
-    mailbox.path = "Projects/&AMk-t&AOk-";
-    fake::core().mailboxes = {mailbox};
+    fake::core().labels.emplace_back();
+    fake::core().labels.back().id = 7;
+    fake::core().labels.back().key = "work-7f3a";
+    fake::core().mailboxes.emplace_back();
+    fake::core().mailboxes.back().id = 5;
+    fake::core().mailboxes.back().path = "Projects/&AMk-t&AOk-";
   }
 
-  std::vector<record::Condition> Conditions(const std::string& json) {
+  // Each condition as "key:text:" or "key:text:not".
+  std::vector<std::string> Conditions(const Json::Value& json) {
     Controller controller(kAlice, "sid");
     record::ConditionSet set;
-    FilterParser(controller).ParseCondition(J(json), set);
-    return set.conditions;
+    FilterParser(controller).ParseCondition(json, set);
+    std::vector<std::string> conditions;
+    for (const record::Condition& condition : set.conditions) {
+      conditions.push_back(std::to_string(condition.key) + ":" + condition.value + ":" +
+                           (condition.negate ? "not" : ""));
+    }
+    return conditions;
   }
 
   // Each action as "kind:text".
@@ -56,62 +59,35 @@ class FilterParserTest : public HandlerTest {
 };
 
 TEST_F(FilterParserTest, EveryConditionKeywordHasItsKindAndOnlyTextOnesNegate) {
-  struct Case {
-    const char* name;
-    constant::ConditionKey key;
-    bool negatable;
-  } cases[] = {
-      {"mailbox", constant::kConditionMailbox, false},
-      {"from", constant::kConditionFrom, true},
-      {"to", constant::kConditionTo, true},
-      {"subject", constant::kConditionSubject, true},
-      {"before", constant::kConditionBefore, false},
-      {"after", constant::kConditionAfter, false},
-      {"larger", constant::kConditionLarger, false},
-      {"smaller", constant::kConditionSmaller, false},
-      {"unread", constant::kConditionUnread, false},
-      {"keyword", constant::kConditionKeyword, true},
-      {"modified_after", constant::kConditionModifiedAfter, false},
-      {"has_attachment", constant::kConditionHasAttachment, false},
-      {"starred", constant::kConditionStarred, false},
-      {"label", constant::kConditionLabel, false},
-  };
-  for (const Case& c : cases) {
-    for (const char* negation : {"", R"(, "not_operator": false)", R"(, "not_operator": true)"}) {
-      std::vector<record::Condition> conditions = Conditions(
-          std::string(R"([{"name": ")") + c.name + R"(", "value": "v 1")" + negation + "}]");
-      ASSERT_EQ(conditions.size(), 1u) << c.name;
-      EXPECT_EQ(conditions[0].key, c.key) << c.name;
-      EXPECT_EQ(conditions[0].value, "v 1") << c.name;
-      bool asked = std::string(negation).find("true") != std::string::npos;
-      EXPECT_EQ(conditions[0].negate, c.negatable && asked) << c.name << negation;
-    }
+  Json::Value all(Json::arrayValue);
+  for (const char* name :
+       {"mailbox", "from", "to", "subject", "before", "after", "larger", "smaller", "unread",
+        "keyword", "modified_after", "has_attachment", "starred", "label"}) {
+    Json::Value element = J(R"({"value": "v 1", "not_operator": true})");
+    element["name"] = name;
+    all.append(element);
   }
+  EXPECT_THAT(Conditions(all),
+              ElementsAre("1:v 1:", "2:v 1:not", "3:v 1:not", "4:v 1:not",
+                          "5:v 1:", "6:v 1:", "7:v 1:", "8:v 1:", "9:v 1:", "10:v 1:not",
+                          "11:v 1:", "12:v 1:", "13:v 1:", "14:v 1:"));
 }
 
 TEST_F(FilterParserTest, ConditionsKeepArrayOrderAndSkipWhatTheyCannotUse) {
-  std::vector<record::Condition> conditions = Conditions(R"([
+  EXPECT_THAT(Conditions(J(R"([
       {"name": "from", "value": "ann"},
       {"name": "subject"},
       {"value": "orphan"},
       "from",
-      17,
       null,
       [{"name": "from", "value": "nested"}],
       {"name": "cc", "value": "unknown keyword"},
       {"name": "FROM", "value": "case matters"},
       {"name": "larger", "value": 2048},
       {"name": "unread", "value": true},
-      {"name": "from", "value": "bob", "not_operator": true}])");
-  std::vector<std::string> seen;
-  for (const record::Condition& condition : conditions) {
-    seen.push_back(std::to_string(condition.key) + ":" + condition.value + ":" +
-                   (condition.negate ? "not" : ""));
-  }
-  EXPECT_THAT(seen, ElementsAre("2:ann:", "7:2048:", "9:true:", "2:bob:not"));
-
-  EXPECT_TRUE(Conditions("[]").empty());
-  EXPECT_TRUE(Conditions(R"({"name": "from", "value": "not in an array"})").empty());
+      {"name": "to", "value": "bob", "not_operator": false}])")),
+              ElementsAre("2:ann:", "7:2048:", "9:true:", "3:bob:"));
+  EXPECT_THAT(Conditions(J(R"({"name": "from", "value": "not in an array"})")), IsEmpty());
 }
 
 TEST_F(FilterParserTest, ActionsStoreTheTextTheirKindNeeds) {
@@ -119,7 +95,6 @@ TEST_F(FilterParserTest, ActionsStoreTheTextTheirKindNeeds) {
     const char* element;
     const char* stored;  // "kind:text", or "" when the element is dropped
   } cases[] = {
-      {R"({"name": "archive", "value": ""})", "1:"},
       {R"({"name": "archive", "value": "ignored"})", "1:"},
       {R"({"name": "archive"})", ""},  // "value" must be there, even unused
       {R"({"name": "trash", "value": 0})", "7:"},
@@ -127,13 +102,9 @@ TEST_F(FilterParserTest, ActionsStoreTheTextTheirKindNeeds) {
       {R"({"name": "set_read", "value": "true"})", "2:true"},
       {R"({"name": "set_read", "value": true})", "2:true"},
       {R"({"name": "set_read", "value": "TRUE"})", "2:false"},
-      {R"({"name": "set_read", "value": "yes"})", "2:false"},
       {R"({"name": "set_star", "value": "1"})", "3:false"},
-      {R"({"name": "set_star", "value": ""})", "3:false"},
-      {R"({"name": "set_label", "value": 7})", "4:work-7f3a"},
       {R"({"name": "set_label", "value": 8})", ""},
       {R"({"name": "remove_label", "value": 7})", "9:work-7f3a"},
-      {R"({"name": "move_to", "value": 5})", "5:Projects/&AMk-t&AOk-"},
       {R"({"name": "move_to", "value": 6})", ""},
       {R"({"name": "redirect", "value": "Bob <bob@example.org>"})", "6:Bob <bob@example.org>"},
       {R"({"name": "forward", "value": "bob@example.org"})", ""},
@@ -142,7 +113,7 @@ TEST_F(FilterParserTest, ActionsStoreTheTextTheirKindNeeds) {
   for (const Case& c : cases) {
     std::vector<std::string> actions = Actions(std::string("[") + c.element + "]");
     if (*c.stored == '\0') {
-      EXPECT_TRUE(actions.empty()) << c.element;
+      EXPECT_THAT(actions, IsEmpty()) << c.element;
     } else {
       EXPECT_THAT(actions, ElementsAre(c.stored)) << c.element;
     }
@@ -150,25 +121,22 @@ TEST_F(FilterParserTest, ActionsStoreTheTextTheirKindNeeds) {
 }
 
 TEST_F(FilterParserTest, ActionsLookLabelsAndMailboxesUpByTheirIds) {
-  EXPECT_THAT(Actions(R"([{"name": "set_label", "value": 7}, {"name": "move_to", "value": 5},
-                          {"name": "archive", "value": ""}, {"name": "set_label", "value": 7}])"),
-              ElementsAre("4:work-7f3a", "5:Projects/&AMk-t&AOk-", "1:", "4:work-7f3a"));
+  const char* rule = R"([{"name": "set_label", "value": 7}, {"name": "move_to", "value": 5},
+                         {"name": "trash", "value": ""}])";
+  EXPECT_THAT(Actions(rule), ElementsAre("4:work-7f3a", "5:Projects/&AMk-t&AOk-", "7:"));
   EXPECT_THAT(fake::CallsStartingWith("LabelControl::"),
-              ElementsAre("LabelControl::Get [7] false", "LabelControl::Get [7] false"));
+              ElementsAre("LabelControl::Get [7] false"));
   EXPECT_THAT(fake::CallsStartingWith("MailboxControl::"), ElementsAre("MailboxControl::Get 5"));
 
   // A lookup that finds nothing drops the action, and only that one.
-  fake::core().failures["LabelControl::Get"] = 0;
-  fake::core().failures["MailboxControl::Get"] = 0;
-  EXPECT_THAT(Actions(R"([{"name": "set_label", "value": 7}, {"name": "move_to", "value": 5},
-                          {"name": "trash", "value": ""}])"),
-              ElementsAre("7:"));
+  fake::core().failures = {{"LabelControl::Get", 0}, {"MailboxControl::Get", 0}};
+  EXPECT_THAT(Actions(rule), ElementsAre("7:"));
 }
 
 TEST_F(FilterParserTest, ValuesOfAnUnusableTypeRaiseTheJsonError) {
   EXPECT_THROW(Actions(R"([{"name": "set_label", "value": "seven"}])"), Json::Exception);
   EXPECT_THROW(Actions(R"([{"name": "move_to", "value": {"id": 5}}])"), Json::Exception);
-  EXPECT_THROW(Conditions(R"([{"name": "from", "value": {"text": "ann"}}])"), Json::Exception);
+  EXPECT_THROW(Conditions(J(R"([{"name": "from", "value": {"text": "ann"}}])")), Json::Exception);
 }
 
 }  // namespace

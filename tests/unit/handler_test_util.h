@@ -6,7 +6,7 @@
 #include <json/value.h>
 #include <json/writer.h>  // prints values in failure messages
 
-#include <functional>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -27,6 +27,24 @@ class HandlerTest : public ::testing::Test {
   // envelope the host would send.
   Json::Value Run(ZEVO::APIHandler handler, const Json::Value& params = Json::objectValue,
                   uint32_t uid = kAlice, const std::string& session = "sid-alice");
+
+  // Runs a handler that writes its own answer, as alice.
+  struct Streamed {
+    std::string output;  // what it wrote to standard output
+    bool json_enabled;   // whether the framework would still send its envelope
+  };
+  Streamed RunStreaming(ZEVO::APIHandler handler, const Json::Value& params);
+
+  // A change that answers success without data after the core call `call`
+  // and then the calls `then`; when `call` fails, error 117, `failure`
+  // logged by source unit `unit`, and nothing called after it.
+  void ExpectChange(ZEVO::APIHandler handler, const std::string& params, const std::string& call,
+                    const std::string& unit, const std::string& failure,
+                    const std::vector<std::string>& then = {});
+
+  // Each of `params` is answered with error `code`, logs nothing and does
+  // not reach the core beyond opening the session.
+  void ExpectRefused(ZEVO::APIHandler handler, int code, std::initializer_list<const char*> params);
 
   std::string temp_root_;
 };
@@ -51,8 +69,5 @@ Json::Value AsSent(const Json::Value& value);
 // without its "unit:line " prefix. A line of another unit, of a priority
 // other than local1.error, or without a line number fails the test.
 std::vector<std::string> Logged(const std::string& unit);
-
-// What `run` writes to standard output.
-std::string CaptureStdout(const std::function<void()>& run);
 
 }  // namespace larkpost::test

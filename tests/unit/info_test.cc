@@ -3,14 +3,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <string>
+#include <vector>
+
 #include "tests/unit/handler_test_util.h"
 #include "webapi/api_table.h"
 
 namespace larkpost::test {
 namespace {
-
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 class InfoTest : public HandlerTest {
  protected:
@@ -29,81 +29,64 @@ class InfoTest : public HandlerTest {
   }
 };
 
-TEST_F(InfoTest, FirstCallCreatesTheStoreAndItsMailboxes) {
-  Json::Value answer = Run(InfoGetInfo_v1);
-  EXPECT_EQ(answer, J(R"({"success": true, "data": {
-      "max_upload_size": 10485760, "database_ready": true,
-      "smtp_hostname": "mail.example.org", "fts_enabled": true}})"));
-  EXPECT_THAT(StoreCalls(),
-              ElementsAre("Controller 1026 sid-alice", "DBSetupHandler::DoesDBExist 1026",
-                          "DBSetupHandler::SetupDB 1026",
-                          "Controller 1026",  // a session of its own
-                          "MailboxSyncer::CheckDefaultMailbox 1026",
-                          "UpdateControl::UpdateAllMailbox 1026 false",
-                          "ZEVOLarkpostNotifyMailboxUpdate 1026", "Syncer::TriggerSync 0",
-                          "Syncer::TriggerSync 1", "Syncer::TriggerSync 2"));
-}
-
-TEST_F(InfoTest, LaterCallsOnlySetTheStoreUp) {
-  fake::core().databases.insert(kAlice);
-  EXPECT_TRUE(Data(Run(InfoGetInfo_v1))["database_ready"].asBool());
-  EXPECT_THAT(StoreCalls(),
-              ElementsAre("Controller 1026 sid-alice", "DBSetupHandler::DoesDBExist 1026",
-                          "DBSetupHandler::SetupDB 1026", "Syncer::TriggerSync 0",
-                          "Syncer::TriggerSync 1", "Syncer::TriggerSync 2"));
-
-  // An existing store that cannot be upgraded is reported, not an error.
-  fake::core().calls.clear();
-  fake::core().failures["DBSetupHandler::SetupDB"] = 0;
-  Json::Value answer = Run(InfoGetInfo_v1);
-  EXPECT_TRUE(answer["success"].asBool());
-  EXPECT_FALSE(Data(answer)["database_ready"].asBool());
-}
-
-TEST_F(InfoTest, NewStoreThatFailsIsNotReadyButSyncsStillStart) {
-  fake::core().failures["DBSetupHandler::SetupDB"] = 0;
-  Json::Value answer = Run(InfoGetInfo_v1);
-  EXPECT_FALSE(Data(answer)["database_ready"].asBool());
-  EXPECT_THAT(fake::CallsStartingWith("MailboxSyncer"), IsEmpty());
-  EXPECT_THAT(fake::CallsStartingWith("ZEVOLarkpostNotify"), IsEmpty());
-  EXPECT_THAT(
-      fake::CallsStartingWith("Syncer::"),
-      ElementsAre("Syncer::TriggerSync 0", "Syncer::TriggerSync 1", "Syncer::TriggerSync 2"));
-}
-
-TEST_F(InfoTest, LocalSendingNeedsExactlyYes) {
+TEST_F(InfoTest, StoreIsCreatedOnFirstUseAndOnlySetUpLater) {
+  const std::vector<std::string> kSyncs = {"Syncer::TriggerSync 0", "Syncer::TriggerSync 1",
+                                           "Syncer::TriggerSync 2"};
+  const std::vector<std::string> kCreate = {"Controller 1026",  // a session of its own
+                                            "MailboxSyncer::CheckDefaultMailbox 1026",
+                                            "UpdateControl::UpdateAllMailbox 1026 false",
+                                            "ZEVOLarkpostNotifyMailboxUpdate 1026"};
   struct Case {
-    const char* enabled;
-    const char* expected_host;
-  } cases[] = {{"yes", "mail.example.org"},
-               {"YES", ""},
-               {"Yes", ""},
-               {"1", ""},
-               {"true", ""},
-               {"", ""},
-               {"yes ", ""}};
+    bool exists;
+    bool setup_fails;
+    bool ready;
+    bool creates;
+  } cases[] = {
+      {false, false, true, true},
+      {true, false, true, false},
+      {true, true, false, false},  // not upgraded: reported, not an error
+      {false, true, false, false},
+  };
   for (const Case& c : cases) {
-    fake::core().mail_server["smtp_enabled"] = c.enabled;
+    SCOPED_TRACE(std::to_string(c.exists) + std::to_string(c.setup_fails));
     fake::core().calls.clear();
-    Json::Value data = Data(Run(InfoGetInfo_v1));
-    EXPECT_EQ(data["smtp_hostname"].asString(), c.expected_host) << c.enabled;
-    EXPECT_FALSE(data.isMember("smtp_enabled"));
-    bool host_read = !fake::CallsStartingWith("GetMailServerKey smtp_hostname").empty();
-    EXPECT_EQ(host_read, std::string(c.enabled) == "yes") << c.enabled;
+    fake::core().databases.clear();
+    if (c.exists) fake::core().databases.insert(kAlice);
+    fake::core().failures.clear();
+    if (c.setup_fails) fake::core().failures["DBSetupHandler::SetupDB"] = 0;
+
+    Json::Value expected = J(R"({"success": true, "data": {"max_upload_size": 10485760,
+        "smtp_hostname": "mail.example.org", "fts_enabled": true}})");
+    expected["data"]["database_ready"] = c.ready;
+    EXPECT_EQ(Run(InfoGetInfo_v1), expected);
+
+    std::vector<std::string> calls = {"Controller 1026 sid-alice",
+                                      "DBSetupHandler::DoesDBExist 1026",
+                                      "DBSetupHandler::SetupDB 1026"};
+    if (c.creates) calls.insert(calls.end(), kCreate.begin(), kCreate.end());
+    calls.insert(calls.end(), kSyncs.begin(), kSyncs.end());
+    EXPECT_EQ(StoreCalls(), calls);
   }
-  fake::core().mail_server["fts_enabled"] = "no";
-  EXPECT_FALSE(Data(Run(InfoGetInfo_v1))["fts_enabled"].asBool());
-  fake::core().mail_server.erase("fts_enabled");
-  EXPECT_FALSE(Data(Run(InfoGetInfo_v1))["fts_enabled"].asBool());
+}
+
+TEST_F(InfoTest, ServerSettingsNeedExactlyYes) {
+  for (const char* enabled : {"yes", "YES", "1", "", "yes "}) {
+    fake::core().mail_server["smtp_enabled"] = enabled;
+    fake::core().mail_server["fts_enabled"] = enabled;
+    fake::core().calls.clear();
+    const bool yes = std::string(enabled) == "yes";
+    Json::Value data = Data(Run(InfoGetInfo_v1));
+    EXPECT_EQ(data["smtp_hostname"].asString(), yes ? "mail.example.org" : "") << enabled;
+    EXPECT_EQ(data["fts_enabled"], yes) << enabled;
+    EXPECT_EQ(fake::CallsStartingWith("GetMailServerKey smtp_hostname").size(), yes ? 1u : 0u);
+  }
 }
 
 TEST_F(InfoTest, CoreErrorsAnswerWithTheirCodeAndNoData) {
-  const char* operations[] = {"DBSetupHandler::DoesDBExist", "MailboxSyncer::CheckDefaultMailbox",
-                              "GetMailServerKey", "Syncer::TriggerSync"};
-  for (const char* operation : operations) {
-    fake::core().databases.clear();
+  for (const char* operation : {"DBSetupHandler::DoesDBExist", "MailboxSyncer::CheckDefaultMailbox",
+                                "GetMailServerKey", "Syncer::TriggerSync"}) {
     fake::core().failures = {{operation, 502}};
-    EXPECT_EQ(Run(InfoGetInfo_v1), J(R"({"success": false, "error": {"code": 502}})")) << operation;
+    EXPECT_EQ(Run(InfoGetInfo_v1), ErrorAnswer(502)) << operation;
   }
 }
 
