@@ -1,10 +1,14 @@
 // The core's small pure pieces: mailbox name encoding, address splitting,
 // the records' computed members, filter records, validators.
 #include <gtest/gtest.h>
+#include <json/reader.h>
 #include <json/value.h>
 
 #include <optional>
+#include <sstream>
 #include <string>
+#include <tuple>
+#include <utility>
 
 #include "appliance/mailcore/base/modified_utf7.h"
 #include "platform/mailcore/apivalidator.h"
@@ -25,7 +29,6 @@ TEST(ModifiedUTF7Test, EncodesAndDecodesBothWays) {
       {"~peter/mail/\xE5\x8F\xB0\xE5\x8C\x97/\xE6\x97\xA5\xE6\x9C\xAC\xE8\xAA\x9E",
        "~peter/mail/&U,BTFw-/&ZeVnLIqe-"},
       {"Tom & Jerry", "Tom &- Jerry"},
-      {"&&", "&-&-"},
       {"\xF0\x9F\x98\x80", "&2D3eAA-"},  // outside the BMP: a surrogate pair
       {"a\tb", "a&AAk-b"},               // controls are not written as themselves
       {"", ""},
@@ -56,16 +59,12 @@ TEST(ModifiedUTF7Test, RefusesWhatAnEncoderNeverWrites) {
 }
 
 TEST(MailboxRecordTest, ShowsThePathAsUTF8OrAsStoredWhenItIsNotModifiedUTF7) {
-  record::Mailbox mailbox;
-  EXPECT_FALSE(mailbox.IsValid());
-  mailbox.id = 9;
-  EXPECT_TRUE(mailbox.IsValid());
-  mailbox.path = "Work/&AMk-t&AOk-";
-  EXPECT_EQ(mailbox.UTF8MailboxPath(), "Work/\xC3\x89t\xC3\xA9");
-  mailbox.path = "Work/\xC3\x89t\xC3\xA9";
-  EXPECT_EQ(mailbox.UTF8MailboxPath(), "Work/\xC3\x89t\xC3\xA9");
-  mailbox.path = "Broken &AMk";
-  EXPECT_EQ(mailbox.UTF8MailboxPath(), "Broken &AMk");
+  for (const auto& [path, shown] : {std::pair{"Work/&AMk-t&AOk-", "Work/\xC3\x89t\xC3\xA9"},
+                                    std::pair{"Broken &AMk", "Broken &AMk"}}) {
+    record::Mailbox mailbox;
+    mailbox.path = path;
+    EXPECT_EQ(mailbox.UTF8MailboxPath(), shown) << path;
+  }
 }
 
 TEST(MailAddressTest, SplitsNameAndAddress) {
@@ -87,8 +86,6 @@ TEST(MailAddressTest, SplitsNameAndAddress) {
       {"Ann <ann@example.org", "ann@example.org", "Ann"},
       {"ann@example.org, Bob <bob@example.org>", "ann@example.org", ""},
       {"MAILER-DAEMON", "", "MAILER-DAEMON"},
-      {"undisclosed-recipients:;", "", "undisclosed-recipients:;"},
-      {"", "", ""},
   };
   for (const auto& c : cases) {
     control::MailAddress address(c.text);
@@ -99,53 +96,30 @@ TEST(MailAddressTest, SplitsNameAndAddress) {
 
 TEST(ThreadRecordTest, StarAndUnreadCountOverAllMessagesDraftsIncluded) {
   record::Thread thread;
-  EXPECT_EQ(thread.MaxStar(), 0);
-  EXPECT_EQ(thread.UnreadMessageCount(), 0);
-  record::Message message;
-  message.star = 2;
-  thread.messages.push_back(message);  // unread
-  message.star = 5;
-  message.read = true;
-  thread.messages.push_back(message);
-  message.star = 0;
-  message.read = false;
-  message.type = 1;  // a draft
-  thread.messages.push_back(message);
-  EXPECT_EQ(thread.MaxStar(), 5);
-  EXPECT_EQ(thread.UnreadMessageCount(), 2);
+  EXPECT_EQ(std::make_pair(thread.MaxStar(), thread.UnreadMessageCount()), std::make_pair(0, 0));
+  for (auto [star, read, type] : {std::tuple{2, false, 0}, {5, true, 0}, {0, false, 1}}) {
+    record::Message message;
+    std::tie(message.star, message.read, message.type) = std::tie(star, read, type);
+    thread.messages.push_back(message);
+  }
+  EXPECT_EQ(std::make_pair(thread.MaxStar(), thread.UnreadMessageCount()), std::make_pair(5, 2));
 }
 
 TEST(ConditionSetTest, NamesEachKind) {
-  const struct {
-    constant::ConditionKey key;
-    const char* name;
-  } kinds[] = {
-      {constant::kConditionMailbox, "mailbox"},
-      {constant::kConditionFrom, "from"},
-      {constant::kConditionTo, "to"},
-      {constant::kConditionSubject, "subject"},
-      {constant::kConditionBefore, "before"},
-      {constant::kConditionAfter, "after"},
-      {constant::kConditionLarger, "larger"},
-      {constant::kConditionSmaller, "smaller"},
-      {constant::kConditionUnread, "unread"},
-      {constant::kConditionKeyword, "keyword"},
-      {constant::kConditionModifiedAfter, "modified_after"},
-      {constant::kConditionHasAttachment, "has_attachment"},
-      {constant::kConditionStarred, "starred"},
-      {constant::kConditionLabel, "label"},
-  };
   record::ConditionSet set;
-  for (const auto& kind : kinds) set.AddCondition(kind.key, kind.name + std::string("!"), true);
-  set.AddCondition(constant::ConditionKey(99), "x", false);
-  ASSERT_EQ(set.conditions.size(), std::size(kinds) + 1);
-  for (size_t i = 0; i < std::size(kinds); ++i) {
-    EXPECT_EQ(set.conditions[i].key, kinds[i].key);
-    EXPECT_EQ(set.conditions[i].name, kinds[i].name);
-    EXPECT_EQ(set.conditions[i].value, kinds[i].name + std::string("!"));
-    EXPECT_TRUE(set.conditions[i].negate);
+  for (int key = constant::kConditionMailbox; key <= constant::kConditionLabel; ++key) {
+    set.AddCondition(constant::ConditionKey(key), std::to_string(key), true);
   }
-  EXPECT_EQ(set.conditions.back().name, "");
+  set.AddCondition(constant::ConditionKey(99), "99", false);
+  std::string names;
+  for (const record::Condition& condition : set.conditions) {
+    EXPECT_EQ(condition.value, std::to_string(condition.key));
+    EXPECT_EQ(condition.negate, condition.key != 99);
+    names += condition.name + ",";
+  }
+  EXPECT_EQ(names,
+            "mailbox,from,to,subject,before,after,larger,smaller,unread,keyword,modified_after,"
+            "has_attachment,starred,label,,");
 }
 
 TEST(ActionTest, IsValidWhenTheKindHasWhatItNeeds) {
@@ -155,25 +129,20 @@ TEST(ActionTest, IsValidWhenTheKindHasWhatItNeeds) {
     bool valid;
   } cases[] = {
       {constant::kActionNone, "", false},
-      {constant::kActionNone, "x", false},
       {constant::ActionKind(10), "x", false},
       {constant::kActionArchive, "", true},
       {constant::kActionTrash, "ignored", true},
       {constant::kActionDelete, "", true},
       {constant::kActionSetRead, "true", true},
-      {constant::kActionSetRead, "false", true},
       {constant::kActionSetRead, "TRUE", false},
       {constant::kActionSetStar, "", false},
       {constant::kActionSetStar, "1", false},
       {constant::kActionSetLabel, "$label3", true},
-      {constant::kActionSetLabel, "", false},
       {constant::kActionRemoveLabel, "", false},
       {constant::kActionMoveTo, "Work/&AMk-t&AOk-", true},
       {constant::kActionMoveTo, "", false},
-      {constant::kActionRedirect, "ann@example.org", true},
       {constant::kActionRedirect, "Ann <ann@mail.example.org>", true},
       {constant::kActionRedirect, "ann.o-k+tag@xn--bcher-kva.example", true},
-      {constant::kActionRedirect, "", false},
       {constant::kActionRedirect, "ann", false},
       {constant::kActionRedirect, "ann@", false},
       {constant::kActionRedirect, "@example.org", false},
@@ -188,58 +157,33 @@ TEST(ActionTest, IsValidWhenTheKindHasWhatItNeeds) {
     action.value = c.value;
     EXPECT_EQ(action.IsValid(), c.valid) << c.kind << " " << c.value;
   }
-  record::ActionSet set;
-  record::Action action;
-  action.kind = constant::kActionSetRead;
-  action.value = "true";
-  set.AddAction(action);
-  set.AddAction(action);
-  EXPECT_EQ(set.actions.size(), 2u);
 }
 
-TEST(ValidatorTest, Numbers) {
-  EXPECT_FALSE(apivalidator::IntGreaterZero(0));
-  EXPECT_TRUE(apivalidator::IntGreaterZero(1));
-  EXPECT_FALSE(apivalidator::IntGreaterEqualZero(-1));
-  EXPECT_TRUE(apivalidator::IntGreaterEqualZero(0));
-  EXPECT_FALSE(apivalidator::IntGreaterEqualNegativeOne(-2));
-  EXPECT_TRUE(apivalidator::IntGreaterEqualNegativeOne(-1));
-  EXPECT_FALSE(apivalidator::LLongGreaterZero(0));
-  EXPECT_TRUE(apivalidator::LLongGreaterZero(int64_t{1} << 40));
-}
-
-TEST(ValidatorTest, IdArrays) {
-  Json::Value fraction(Json::arrayValue);
-  fraction.append(3.0);
-  Json::Value big(Json::arrayValue);
-  big.append(Json::Value(Json::UInt64{2147483648u}));
-  Json::Value largest(Json::arrayValue);
-  largest.append(Json::Value(Json::UInt{2147483647u}));
-  largest.append(1);
-  Json::Value mixed(Json::arrayValue);
-  mixed.append(1);
-  mixed.append("2");
-  Json::Value zero(Json::arrayValue);
-  zero.append(4);
-  zero.append(0);
-  Json::Value object(Json::objectValue);
-  object["a"] = 1;
-  EXPECT_TRUE(apivalidator::JsonIntArrayGreaterZero(largest));
-  for (const Json::Value& bad :
-       {Json::Value(Json::arrayValue), fraction, big, mixed, zero, object, Json::Value(5)}) {
-    EXPECT_FALSE(apivalidator::JsonIntArrayGreaterZero(bad)) << bad.toStyledString();
-  }
-}
-
-TEST(ValidatorTest, Strings) {
-  EXPECT_FALSE(apivalidator::StringNotEmpty(""));
-  EXPECT_TRUE(apivalidator::StringNotEmpty(" "));
-  for (const char* color : {"#fff", "#A0b1C2", "#000000"}) {
-    EXPECT_TRUE(apivalidator::StringIsColor(color)) << color;
-  }
-  for (const char* color :
-       {"", "#", "fff", "#ffff", "#fffffff", "#ggg", "#12345g", " #fff", "red", "#ff f"}) {
+TEST(ValidatorTest, NumbersAndStrings) {
+  EXPECT_TRUE(apivalidator::IntGreaterZero(1) && !apivalidator::IntGreaterZero(0));
+  EXPECT_TRUE(apivalidator::IntGreaterEqualZero(0) && !apivalidator::IntGreaterEqualZero(-1));
+  EXPECT_TRUE(apivalidator::IntGreaterEqualNegativeOne(-1) &&
+              !apivalidator::IntGreaterEqualNegativeOne(-2));
+  EXPECT_TRUE(apivalidator::LLongGreaterZero(int64_t{1} << 40) &&
+              !apivalidator::LLongGreaterZero(0));
+  EXPECT_TRUE(apivalidator::StringNotEmpty(" ") && !apivalidator::StringNotEmpty(""));
+  for (const char* color : {"#fff", "#A0b1C2"}) EXPECT_TRUE(apivalidator::StringIsColor(color));
+  for (const char* color : {"", "#", "fff", "#ffff", "#fffffff", "#ggg", "#12345g", " #fff"}) {
     EXPECT_FALSE(apivalidator::StringIsColor(color)) << color;
+  }
+}
+
+TEST(ValidatorTest, IdArraysHoldPositiveInt32sOnly) {
+  const auto parse = [](const char* text) {
+    Json::Value value;
+    std::istringstream(text) >> value;
+    return value;
+  };
+  EXPECT_TRUE(apivalidator::JsonIntArrayGreaterZero(parse("[2147483647, 1]")));
+  // 3.0: jsoncpp would call it an integer.
+  for (const char* bad :
+       {"[]", "[3.0]", "[2147483648]", "[1, \"2\"]", "[4, 0]", "[-1]", "{\"a\": 1}", "5"}) {
+    EXPECT_FALSE(apivalidator::JsonIntArrayGreaterZero(parse(bad))) << bad;
   }
 }
 

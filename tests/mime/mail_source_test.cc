@@ -1,15 +1,13 @@
-#include <ftw.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
-#include <sys/stat.h>
 #include <utime.h>
 
-#include <fstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "appliance/mailcore/mime/mail_source.h"
+#include "appliance/system/appliance.h"
+#include "tests/system/temp_root.h"
 
 namespace ornic::larkpost::mime {
 namespace {
@@ -26,32 +24,26 @@ std::vector<SourceMessage> ReadAll(const std::string& path) {
   return messages;
 }
 
+// "R" read, "F" flagged (starred), "-" neither, per message.
+std::string Flags(const std::vector<SourceMessage>& messages) {
+  std::string flags;
+  for (const SourceMessage& message : messages) {
+    flags += std::string(message.read ? "R" : "-") + (message.starred ? "F " : "- ");
+  }
+  return flags;
+}
+
 // A temporary folder for sources the test writes itself.
-class Scratch {
+class Scratch : public ::larkpost::testing::TempRoot {
  public:
-  Scratch() {
-    char pattern[] = "/tmp/larkpost-mime-XXXXXX";
-    if (mkdtemp(pattern) == nullptr) throw std::runtime_error("mkdtemp failed");
-    path_ = pattern;
-  }
-  ~Scratch() {
-    nftw(
-        path_.c_str(),
-        [](const char* path, const struct stat*, int, struct FTW*) { return remove(path); }, 16,
-        FTW_DEPTH | FTW_PHYS);
-  }
   std::string Write(const std::string& relative, const std::string& bytes) const {
-    std::string file = path_ + "/" + relative;
-    std::ofstream(file, std::ios::binary) << bytes;
-    return file;
+    TempRoot::Write(relative, bytes);
+    return path() + "/" + relative;
   }
   std::string Dir(const std::string& relative) const {
-    mkdir((path_ + "/" + relative).c_str(), 0700);
-    return path_ + "/" + relative;
+    ::larkpost::appliance::MakeDirs(path() + "/" + relative);
+    return path() + "/" + relative;
   }
-
- private:
-  std::string path_;
 };
 
 TEST(MailSourceTest, MboxSplitsOnFromLinesAndUndoesTheQuoting) {
@@ -72,12 +64,7 @@ TEST(MailSourceTest, MboxSplitsOnFromLinesAndUndoesTheQuoting) {
   EXPECT_EQ(messages[1].time_without_date, 1704191400);  // Tue Jan  2 10:30:00 2024
   EXPECT_TRUE(EndsWith(messages[2].raw, "\n\nUnread, not flagged.\n")) << messages[2].raw;
 
-  // Status: R is read, X-Status: F is starred.
-  EXPECT_TRUE(messages[0].read);
-  EXPECT_FALSE(messages[0].starred);
-  EXPECT_FALSE(messages[1].read);
-  EXPECT_TRUE(messages[1].starred);
-  EXPECT_FALSE(messages[2].read || messages[2].starred);
+  EXPECT_EQ(Flags(messages), "R- -F -- ");  // Status: R, X-Status: F
 }
 
 TEST(MailSourceTest, MboxWithCrlfLineEndsAndNoBlankLineBeforeFrom) {
@@ -122,17 +109,11 @@ TEST(MailSourceTest, MaildirReadsCurAndNewInDeliveryOrderWithTheirFlags) {
   EXPECT_EQ(source.kind(), MailSource::kMaildir);
   std::vector<SourceMessage> messages = ReadAll(source.path());
   ASSERT_EQ(messages.size(), 3u);  // tmp/ holds mail still being delivered
-  const struct {
-    const char* subject;
-    bool read, starred;
-  } expected[] = {{"Subject: Seen\n", true, false},
-                  {"Subject: Seen and flagged\n", true, true},
-                  {"Subject: New\n", false, false}};
+  const char* subjects[] = {"Subject: Seen\n", "Subject: Seen and flagged\n", "Subject: New\n"};
   for (size_t k = 0; k < 3; ++k) {
-    EXPECT_NE(messages[k].raw.find(expected[k].subject), std::string::npos) << k;
-    EXPECT_EQ(messages[k].read, expected[k].read) << k;
-    EXPECT_EQ(messages[k].starred, expected[k].starred) << k;
+    EXPECT_NE(messages[k].raw.find(subjects[k]), std::string::npos) << k;
   }
+  EXPECT_EQ(Flags(messages), "R- RF -- ");
 }
 
 TEST(MailSourceTest, MaildirOrdersByTimeNotByNameAndGivesTheFileTime) {

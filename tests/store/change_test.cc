@@ -37,11 +37,7 @@ class ChangeTest : public StoreTest {
     u_ = Add(other);
     thread_ = ThreadOf(m1_);
     EXPECT_EQ(ThreadOf(draft_), thread_);
-    control::LabelConfig config;
-    config.name.Set("Work");
-    config.text_color.Set("#000");
-    config.background_color.Set("#fff");
-    label_ = control::LabelControl(controller()).Create(config);
+    label_ = CreateLabel("Work");
     EXPECT_TRUE(threads_.AddLabel({thread_, ThreadOf(u_)}, {label_}));
   }
 

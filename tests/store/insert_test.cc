@@ -82,12 +82,7 @@ INSTANTIATE_TEST_SUITE_P(
     [](const ::testing::TestParamInfo<ThreadingCase>& info) { return info.param.name; });
 
 TEST_F(StoreTest, MergedThreadsKeepEveryLabel) {
-  control::LabelControl labels(controller());
-  control::LabelConfig config;
-  config.name.Set("L");
-  config.text_color.Set("#000");
-  config.background_color.Set("#fff");
-  int first = labels.Create(config), second = labels.Create(config);
+  int first = CreateLabel("L"), second = CreateLabel("L");
   int a = Add(M("a", "", {}, "s1")), c = Add(M("c", "b", {}, "s3"));
   control::ThreadControl threads(controller());
   ASSERT_TRUE(threads.AddLabel({ThreadOf(a)}, {first}));
@@ -98,7 +93,7 @@ TEST_F(StoreTest, MergedThreadsKeepEveryLabel) {
   ASSERT_EQ(merged.size(), 1u);
   EXPECT_EQ(merged[0].messages.size(), 3u);
   EXPECT_EQ(merged[0].labels.size(), 2u);
-  EXPECT_EQ(labels.Get({first}, true).at(0).unread_count, 3);
+  EXPECT_EQ(control::LabelControl(controller()).Get({first}, true).at(0).unread_count, 3);
   EXPECT_EQ(Query("SELECT count(*) FROM thread"), 1);
   EXPECT_EQ(Inconsistencies(), std::vector<std::string>());
 }

@@ -99,6 +99,14 @@ class StoreTest : public ::testing::Test {
     return store::InsertMessage(controller(), ToNew(mail, clock_.now()));
   }
 
+  int CreateLabel(const std::string& name) {
+    control::LabelConfig config;
+    config.name.Set(name);
+    config.text_color.Set("#000");
+    config.background_color.Set("#fff");
+    return control::LabelControl(controller()).Create(config);
+  }
+
   int ThreadOf(int message_id) {
     return static_cast<int>(
         Query("SELECT thread_id FROM message WHERE id = " + std::to_string(message_id)));
