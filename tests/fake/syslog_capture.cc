@@ -28,7 +28,19 @@ std::vector<std::string> LogTexts() {
 
 namespace {
 
+// What the held identity read when the log was given it.
+std::string& HeldText() {
+  static std::string text;
+  return text;
+}
+
+void CheckHeldIdentity() {
+  auto& log = larkpost::fake::system_log();
+  if (log.ident != nullptr && HeldText() != log.ident) log.changed_while_held.push_back(HeldText());
+}
+
 void Record(int priority, const char* format, va_list args) {
+  CheckHeldIdentity();
   char buffer[4096];
   std::vsnprintf(buffer, sizeof(buffer), format, args);
   larkpost::fake::system_log().lines.push_back({priority, buffer});
@@ -40,13 +52,16 @@ extern "C" {
 
 void openlog(const char* ident, int option, int facility) {
   auto& log = larkpost::fake::system_log();
+  CheckHeldIdentity();
   log.ident = ident;
-  log.idents.emplace_back(ident != nullptr ? ident : "");
+  HeldText() = ident != nullptr ? ident : "";
+  log.idents.emplace_back(HeldText());
   log.options = option;
   log.facility = facility;
 }
 
 void closelog(void) {
+  CheckHeldIdentity();
   auto& log = larkpost::fake::system_log();
   log.ident = nullptr;
   ++log.closes;

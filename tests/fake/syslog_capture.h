@@ -19,6 +19,10 @@ struct SystemLog {
   // The pointer the log holds now (as the C library would keep it), so a
   // test can check that it still points at live text.
   const char* ident = nullptr;
+  // Identities whose text changed while the log held it (found when the log
+  // lets go of it, or when a line is written): the log would have written
+  // the changed text under the old name.
+  std::vector<std::string> changed_while_held;
   int options = -1;
   int facility = -1;
   int closes = 0;

@@ -83,9 +83,10 @@ TEST_F(FrameTest, LogIdentityNamesTheUserWhileTheHandlerLivesAndThenTheProgram) 
   ASSERT_NE(log.ident, nullptr);
   EXPECT_EQ(std::string(log.ident), OwnProgramName());
 
-  // Two requests in a row: the identity text of the first stays valid.
+  // Two requests in a row: no identity text changes while the log holds it.
   Run(RunEntry<ProbeAPI, &ProbeAPI::Succeed>);
   EXPECT_EQ(std::string(fake::system_log().ident), OwnProgramName());
+  EXPECT_THAT(fake::system_log().changed_while_held, ::testing::IsEmpty());
 }
 
 TEST_F(FrameTest, AdditionalWordsSetTheirBits) {
