@@ -19,17 +19,6 @@ using store::Statement;
 constexpr char kLabelColumns[] =
     "SELECT id, name, key, text_color, background_color, unread_count FROM label ";
 
-record::Label ReadLabel(Statement& row, bool unread) {
-  record::Label label;
-  label.id = row.Int(0);
-  label.name = row.Text(1);
-  label.key = row.Text(2);
-  label.text_color = row.Text(3);
-  label.background_color = row.Text(4);
-  if (unread) label.unread_count = row.Int(5);
-  return label;
-}
-
 // Whether the given fields of `config` can be stored: a name is not empty,
 // colours are colours.
 bool Acceptable(const LabelConfig& config) {
@@ -118,7 +107,7 @@ std::vector<record::Label> LabelControl::Get(const std::vector<int>& ids, bool u
     std::vector<record::Label> labels;
     for (int id : store::Distinct(ids)) {
       select.Bind(1, id);
-      if (select.Step()) labels.push_back(ReadLabel(select, unread));
+      if (select.Step()) labels.push_back(store::ReadLabel(select, unread));
       select.Reset();
     }
     return labels;
@@ -130,7 +119,7 @@ std::vector<record::Label> LabelControl::List(bool unread) {
   return store::Guard("listing labels", [&] {
     Statement select(db, (std::string(kLabelColumns) + "ORDER BY name, id").c_str());
     std::vector<record::Label> labels;
-    while (select.Step()) labels.push_back(ReadLabel(select, unread));
+    while (select.Step()) labels.push_back(store::ReadLabel(select, unread));
     return labels;
   });
 }

@@ -98,6 +98,17 @@ void RecordReader::FillMessage(Statement& row, record::Message* message) {
   message->rfc_message_id = row.Text(12);
 }
 
+record::Label ReadLabel(Statement& row, bool unread) {
+  record::Label label;
+  label.id = row.Int(0);
+  label.name = row.Text(1);
+  label.key = row.Text(2);
+  label.text_color = row.Text(3);
+  label.background_color = row.Text(4);
+  if (unread) label.unread_count = row.Int(5);
+  return label;
+}
+
 std::vector<record::Attachment> RecordReader::Attachments(int message_id, bool listed_only) {
   std::vector<record::Attachment> attachments;
   attachments_.Bind(1, message_id).Bind(2, listed_only);
@@ -136,15 +147,7 @@ std::vector<record::Message> RecordReader::ThreadMessages(int thread_id) {
 std::vector<record::Label> RecordReader::ThreadLabels(int thread_id) {
   std::vector<record::Label> labels;
   thread_labels_.Bind(1, thread_id);
-  while (thread_labels_.Step()) {
-    record::Label label;
-    label.id = thread_labels_.Int(0);
-    label.name = thread_labels_.Text(1);
-    label.key = thread_labels_.Text(2);
-    label.text_color = thread_labels_.Text(3);
-    label.background_color = thread_labels_.Text(4);
-    labels.push_back(std::move(label));
-  }
+  while (thread_labels_.Step()) labels.push_back(ReadLabel(thread_labels_, false));
   thread_labels_.Reset();
   return labels;
 }

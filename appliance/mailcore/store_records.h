@@ -63,6 +63,10 @@ bool LoadMailbox(Database& db, int id, MailboxRow* row);
 // virtual starred mailbox.
 bool IsRealMailbox(Database& db, int id);
 
+// A label from a row whose columns are id, name, key, text_color,
+// background_color and, when `unread`, unread_count.
+record::Label ReadLabel(Statement& row, bool unread);
+
 // Reads messages and labels with statements prepared once per reader.
 class RecordReader {
  public:
