@@ -3,13 +3,13 @@
 # mbox (larkpostctl import), then the browsing calls in process
 # (browse_bench): medians and 95th percentiles.
 #
-#   bench/browse_bench.sh [ITERATIONS] [SIZES...]
+#   bench/browse_bench.sh [ITERATIONS] [SIZES...]   (sizes default to 10000 100000)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 iterations="${1:-50}"
 shift || true
-sizes=("${@:-10000 100000}")
-[ $# -gt 0 ] || sizes=(10000 100000)
+sizes=(10000 100000)
+if [ $# -gt 0 ]; then sizes=("$@"); fi
 
 scripts/setup.sh
 cmake -S . -B build/bench -DCMAKE_BUILD_TYPE=Release -DLARKPOST_TESTS=OFF >/dev/null
