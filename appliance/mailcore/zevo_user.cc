@@ -1,5 +1,6 @@
 #include "platform/mailcore/zevo_user.h"
 
+#include <exception>
 #include <optional>
 #include <string>
 #include <vector>
@@ -31,39 +32,39 @@ std::optional<std::vector<std::string>> RelativeParts(const std::string& path) {
   return parts;
 }
 
+// The account `find` returns; nullopt, logged, when the account store
+// cannot be read.
+template <typename Find>
+std::optional<::larkpost::appliance::UserRecord> LookUp(Find find, const std::string& what) {
+  try {
+    return find();
+  } catch (const std::exception& e) {
+    larkpost::store::LogError("zevo_user", __LINE__, "cannot read " + what + ": " + e.what());
+    return std::nullopt;
+  }
+}
+
 }  // namespace
 
 ZevoUser::ZevoUser(uint32_t uid) : uid_(kUnknownUid) {
   if (uid == kUnknownUid) return;
-  try {
-    std::optional<::larkpost::appliance::UserRecord> user =
-        ::larkpost::appliance::UserStore::FindByUid(uid);
-    if (!user) return;
-    uid_ = user->uid;
-    name_ = user->name;
-    domain_ = user->domain;
-    is_admin_ = user->is_admin;
-    valid_ = true;
-  } catch (const std::exception& e) {
-    larkpost::store::LogError("zevo_user", __LINE__,
-                              "cannot read user " + std::to_string(uid) + ": " + e.what());
-  }
+  std::optional<::larkpost::appliance::UserRecord> user =
+      LookUp([&] { return ::larkpost::appliance::UserStore::FindByUid(uid); },
+             "user " + std::to_string(uid));
+  if (!user) return;
+  uid_ = user->uid;
+  name_ = user->name;
+  domain_ = user->domain;
+  is_admin_ = user->is_admin;
+  valid_ = true;
 }
 
+// The account store remembers what it found for the process, so taking the
+// snapshot by uid reads nothing twice.
 ZevoUser::ZevoUser(const std::string& name) : uid_(kUnknownUid) {
-  try {
-    std::optional<::larkpost::appliance::UserRecord> user =
-        ::larkpost::appliance::UserStore::FindByName(name);
-    if (!user) return;
-    uid_ = user->uid;
-    name_ = user->name;
-    domain_ = user->domain;
-    is_admin_ = user->is_admin;
-    valid_ = true;
-  } catch (const std::exception& e) {
-    larkpost::store::LogError("zevo_user", __LINE__,
-                              "cannot read user \"" + name + "\": " + e.what());
-  }
+  std::optional<::larkpost::appliance::UserRecord> user = LookUp(
+      [&] { return ::larkpost::appliance::UserStore::FindByName(name); }, "user \"" + name + "\"");
+  if (user) *this = ZevoUser(user->uid);
 }
 
 bool ZevoUser::IsValid() const { return valid_; }
