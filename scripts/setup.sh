@@ -7,6 +7,7 @@ packages=(
   cmake g++ make pkg-config
   libjsoncpp-dev libpcre3-dev libprotobuf-dev protobuf-compiler
   libsqlite3-dev libsodium-dev libgmime-3.0-dev libgumbo-dev
+  libexif-dev libmagickwand-dev libarchive-dev
   lighttpd curl libcurl4-openssl-dev sqlite3
   libgtest-dev libgmock-dev libbenchmark-dev wrk
 )

@@ -47,6 +47,59 @@ struct LabelConfig {
   ConfigField<std::string> background_color;
 };
 
+// A draft's fields to create or change; only the fields that are set
+// change. Addresses are header texts ("Ann <ann@example.org>" or a bare
+// address); "body" is the HTML the composer wrote (the plain text part is
+// made from it).
+struct MessageConfig {
+  ConfigField<std::string> from;
+  ConfigField<std::vector<std::string>> to;  // set and empty: no To any more
+  ConfigField<std::vector<std::string>> cc;
+  ConfigField<std::vector<std::string>> bcc;
+  ConfigField<std::string> subject;
+  ConfigField<std::string> body;
+  // Ids of stored attachments that the draft keeps: its own, or those of the
+  // message it refers to (a forward). Its own that are not listed go.
+  ConfigField<std::vector<int>> attachment;
+  // Ids of temporary attachments (AttachmentControl::AddAttachmentTemp) that
+  // become the draft's own; each is used up by it.
+  ConfigField<std::vector<int>> temp_attachment;
+  // The message the draft answers or forwards (creation only).
+  ConfigField<int32_t> refer_to;
+  ConfigField<int32_t> draft_type;  // 0 new, 1 reply, 2 reply to all, 3 forward
+};
+
+// A temporary attachment to register.
+struct AttachmentConfig {
+  ConfigField<std::string> name;  // the file name shown to the user
+  ConfigField<std::string> path;  // the file, which the core owns from now on
+  ConfigField<bool> is_inline;
+};
+
+// Changes to the general preferences; only the fields that are set change.
+struct GeneralConfig {
+  ConfigField<int32_t> conversations_per_page;
+  ConfigField<bool> display_external_image;
+  ConfigField<int32_t> mark_as_read_time;
+  ConfigField<bool> enable_signature;
+  ConfigField<int32_t> update_interval_time;
+  ConfigField<int32_t> split_pane_mode;
+  ConfigField<int32_t> preview_layout;
+  ConfigField<int32_t> theme;
+  ConfigField<std::string> composer_fontname;
+  ConfigField<std::string> composer_fontsize;
+  ConfigField<std::string> composer_forecolor;
+  ConfigField<std::string> codepage;
+};
+
+// `prefix` followed by `length` characters drawn from [A-Za-z0-9] by a
+// cryptographic random source.
+ZEVO_PLATFORM_API std::string RandomString(const std::string& prefix, int length);
+
+// The MIME type that the extension of `file_name` stands for, in lower case
+// ("image/jpeg" for "IMG.JPG"); "application/octet-stream" when unknown.
+ZEVO_PLATFORM_API std::string GetMimeType(const std::string& file_name);
+
 // An address as written in a header: "Ann Example <ann@example.org>",
 // "ann@example.org", "\"Example, Ann\" <ann@example.org>", "ann@example.org
 // (Ann)" (the comment is the name). Of a list, the first address is read.
@@ -97,6 +150,29 @@ class ZEVO_PLATFORM_API MessageControl {
   std::vector<record::FullMessage> GetFullMessages(const std::vector<int>& ids);
   // The message as it arrived, byte for byte; "" when unknown.
   std::string OriginalContent(int id);
+  // Invalid (id 0) when unknown. Attachments: every one, inline ones too,
+  // in stored order.
+  record::Message GetMessage(int id);
+  record::FullMessage GetFullMessage(int id);
+
+  // A new draft in Drafts; returns its id. A reply (refer_to with
+  // draft_type 1 or 2) joins the thread of the message it answers and
+  // carries its In-Reply-To and References. Throws
+  // ornic::Error(kErrorNotFound) when refer_to, an attachment or a temporary
+  // attachment does not exist (nothing is created then).
+  int CreateDraft(const MessageConfig& config);
+  // Changes the fields that are set. False when `id` is not a draft or a
+  // listed attachment does not exist (nothing changes then).
+  bool ModifyDraft(int id, const MessageConfig& config);
+  // Sends the draft as stored to every To, Cc and Bcc address and keeps the
+  // sent copy in Sent, in the draft's thread; the draft is removed. Returns
+  // the sent message's id. Throws ornic::Error with one of the send codes
+  // (kErrorNoRecipient ... kErrorSmtpTimeout) or kErrorNotFound when `id`
+  // is not a draft; the draft is then left as it was.
+  int Send(int id);
+  // Deletes drafts for good. False when an id is not a draft (then none is
+  // deleted); an empty list is true.
+  bool DeleteDraft(const std::vector<int>& ids);
   // False when an id is unknown (then nothing changes).
   bool SetStarByID(const std::vector<int>& ids, int star);
   bool SetReadByID(const std::vector<int>& ids, bool read);
@@ -150,6 +226,57 @@ class ZEVO_PLATFORM_API LabelControl {
   std::vector<record::Label> Get(const std::vector<int>& ids, bool unread);
   // Every label, by name.
   std::vector<record::Label> List(bool unread);
+
+ private:
+  Controller& controller_;
+};
+
+// Attachments: temporary ones (uploads for a draft) and stored ones (parts
+// of a message).
+class ZEVO_PLATFORM_API AttachmentControl {
+ public:
+  explicit AttachmentControl(Controller& controller);
+
+  // Registers the file at config.path (which need not exist yet) under
+  // config.name. Returns the new id, and in `content_id` a fresh content id
+  // by which an HTML body can show it inline. 0 when the name or the path
+  // is missing or empty.
+  int AddAttachmentTemp(const AttachmentConfig& config, std::string& content_id);
+  // Invalid when unknown.
+  record::AttachmentTemp GetTemp(int id);
+  record::Attachment Get(int id);
+  // The attachment's decoded content, byte for byte; "" when it cannot be
+  // read.
+  std::string GetContentByRecord(const record::Attachment& attachment);
+  // Remembers a preview image of the attachment. False when unknown.
+  bool SetPreviewPath(int id, const std::string& path);
+
+ private:
+  Controller& controller_;
+};
+
+// The stickers that ship with the product.
+class ZEVO_PLATFORM_API StickerControl {
+ public:
+  explicit StickerControl(Controller& controller);
+
+  // The stickers of `category` by id; empty for an unknown category.
+  std::vector<record::Sticker> List(int category);
+  // Invalid when unknown.
+  record::Sticker Get(int id);
+
+ private:
+  Controller& controller_;
+};
+
+// The user's settings.
+class ZEVO_PLATFORM_API SettingControl {
+ public:
+  explicit SettingControl(Controller& controller);
+
+  record::GeneralConfig GetGeneralSetting();
+  // Changes the fields that are set. False when a value is out of range.
+  bool SetGeneralSetting(const GeneralConfig& config);
 
  private:
   Controller& controller_;

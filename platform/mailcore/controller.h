@@ -27,6 +27,11 @@ class ZEVO_PLATFORM_API Controller {
   const std::string& session_id() const;
   const sdk::ZevoUser& zevo_user() const;
 
+  // Lets go of the store connection, so that slow work that follows (an
+  // external program) holds no database handle. The next operation opens
+  // the store again.
+  void CloseDatabaseConnection();
+
   // The implementation's own state (the store connection); only the core's
   // control objects use it.
   struct Impl;

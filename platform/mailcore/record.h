@@ -20,6 +20,54 @@ struct ZEVO_PLATFORM_API Attachment {
   std::string name;        // file name, never with a directory part
   std::string content_id;  // MIME Content-ID without angle brackets, "" when none
   bool is_inline = false;  // shown inside the HTML body rather than listed
+  // A JPEG preview that the web API made of the attachment
+  // (AttachmentControl::SetPreviewPath); "" until one was made. The core
+  // only remembers it: the file may have gone since.
+  std::string preview_path;
+
+  bool IsValid() const { return id > 0; }
+};
+
+// A file uploaded for a draft and not yet part of one. The core owns the
+// file at `path` from the moment it is registered: it becomes the content of
+// a draft's attachment when a draft lists the id in "temp_attachment", and
+// is removed with the record then.
+struct ZEVO_PLATFORM_API AttachmentTemp {
+  int32_t id = 0;
+  std::string path;        // the file on disk (below the user's ".ORNIC/@tmp")
+  std::string name;        // the file name shown to the user
+  std::string mimetype;    // from the name's extension
+  std::string content_id;  // what an HTML body refers to ("cid:" + content_id)
+  bool is_inline = false;
+
+  bool IsValid() const { return id > 0; }
+};
+
+// One of the stickers that ship with the product.
+struct ZEVO_PLATFORM_API Sticker {
+  int32_t id = 0;
+  std::string name;  // "smile"
+  int32_t category = 0;
+  int64_t last_modified = 0;  // Unix seconds of the image file
+  std::string path;           // the image file on disk
+
+  bool IsValid() const { return id > 0; }
+};
+
+// A user's general preferences, as stored (defaults until changed).
+struct ZEVO_PLATFORM_API GeneralConfig {
+  int32_t conversations_per_page = 25;
+  bool display_external_image = false;
+  int32_t mark_as_read_time = 0;
+  bool enable_signature = true;
+  int32_t update_interval_time = 5;
+  int32_t split_pane_mode = 0;
+  int32_t preview_layout = 0;
+  int32_t theme = 0;
+  std::string composer_fontname;
+  std::string composer_fontsize;
+  std::string composer_forecolor;
+  std::string codepage;  // "" (follow the interface language), "utf8", or a code page name
 };
 
 // Content-ID -> (attachment name, attachment id) of a message's inline parts.

@@ -32,6 +32,15 @@ extern template Json::Value VectorToJsonArray<std::string>(const std::vector<std
 // none.
 ZEVO_PLATFORM_API std::string GetSubstrAfterLast(const std::string& text, char separator);
 
+// What precedes the last `separator` in `text`; "" when it holds none.
+ZEVO_PLATFORM_API std::string GetSubstrBeforeLast(const std::string& text, char separator);
+
+// The clockwise rotation in degrees (0, 90, 180, 270) that the EXIF
+// orientation of the image at `path` asks for: 0 for an image without EXIF
+// data or without an orientation (including every non-JPEG), -1 when the
+// file cannot be read. Lives in the core proper (it reads EXIF data).
+ZEVO_PLATFORM_API int GetImageRotationDegree(const std::string& path);
+
 // `text` without leading and trailing white space (blank, tab, CR, LF, FF,
 // VT).
 ZEVO_PLATFORM_API std::string Trim(const std::string& text);
