@@ -1,17 +1,23 @@
 #include "webapi/api_table.h"
 
+#include "webapi/attachment.h"
+#include "webapi/draft.h"
 #include "webapi/entry.h"
 #include "webapi/info.h"
 #include "webapi/label.h"
 #include "webapi/mailbox.h"
 #include "webapi/message.h"
+#include "webapi/sticker.h"
 #include "webapi/thread.h"
 
+using ornic::larkpost::webapi::AttachmentAPI;
+using ornic::larkpost::webapi::DraftAPI;
 using ornic::larkpost::webapi::InfoAPI;
 using ornic::larkpost::webapi::LabelAPI;
 using ornic::larkpost::webapi::MailboxAPI;
 using ornic::larkpost::webapi::MessageAPI;
 using ornic::larkpost::webapi::RunEntry;
+using ornic::larkpost::webapi::StickerAPI;
 using ornic::larkpost::webapi::ThreadAPI;
 
 // Each entry function serves one method of one handler class.
@@ -44,11 +50,31 @@ LARKPOST_ENTRY(MessageSetStar_v1, MessageAPI, SetStar_v1)
 LARKPOST_ENTRY(MessageSetRead_v1, MessageAPI, SetRead_v1)
 LARKPOST_ENTRY(MessageSetMailbox_v1, MessageAPI, SetMailbox_v1)
 
+LARKPOST_ENTRY(DraftGet_v1, DraftAPI, Get_v1)
+LARKPOST_ENTRY(DraftCreate_v1, DraftAPI, Create_v1)
+LARKPOST_ENTRY(DraftSet_v1, DraftAPI, Set_v1)
+LARKPOST_ENTRY(DraftSend_v1, DraftAPI, Send_v1)
+LARKPOST_ENTRY(DraftDelete_v1, DraftAPI, Delete_v1)
+
 LARKPOST_ENTRY(LabelCreate_v1, LabelAPI, Create_v1)
 LARKPOST_ENTRY(LabelGet_v1, LabelAPI, Get_v1)
 LARKPOST_ENTRY(LabelSet_v1, LabelAPI, Set_v1)
 LARKPOST_ENTRY(LabelList_v1, LabelAPI, List_v1)
 LARKPOST_ENTRY(LabelDelete_v1, LabelAPI, Delete_v1)
+
+LARKPOST_ENTRY(AttachmentUpload_v1, AttachmentAPI, Upload_v1)
+LARKPOST_ENTRY(AttachmentUploadVex_v1, AttachmentAPI, UploadVex_v1)
+LARKPOST_ENTRY(AttachmentUploadSticker_v1, AttachmentAPI, UploadSticker_v1)
+LARKPOST_ENTRY(AttachmentDownload_v1, AttachmentAPI, Download_v1)
+LARKPOST_ENTRY(AttachmentDownloadTemp_v1, AttachmentAPI, DownloadTemp_v1)
+LARKPOST_ENTRY(AttachmentDownloadAll_v1, AttachmentAPI, DownloadAll_v1)
+LARKPOST_ENTRY(AttachmentDelete_v1, AttachmentAPI, Delete_v1)
+LARKPOST_ENTRY(AttachmentSaveVX_v1, AttachmentAPI, SaveVX_v1)
+
+LARKPOST_ENTRY(StickerList_v1, StickerAPI, List_v1)
+LARKPOST_ENTRY(StickerGet_v1, StickerAPI, Get_v1)
+LARKPOST_ENTRY(StickerAdd_v1, StickerAPI, Add_v1)
+LARKPOST_ENTRY(StickerDelete_v1, StickerAPI, Delete_v1)
 
 #undef LARKPOST_ENTRY
 
@@ -77,11 +103,31 @@ const ZEVO::APITableEntry gTable[kAPITableSize] = {
     {"ZEVO.Larkpost.Message", 1, "set_read", MessageSetRead_v1},
     {"ZEVO.Larkpost.Message", 1, "set_mailbox", MessageSetMailbox_v1},
 
+    {"ZEVO.Larkpost.Draft", 1, "get", DraftGet_v1},
+    {"ZEVO.Larkpost.Draft", 1, "create", DraftCreate_v1},
+    {"ZEVO.Larkpost.Draft", 1, "set", DraftSet_v1},
+    {"ZEVO.Larkpost.Draft", 1, "send", DraftSend_v1},
+    {"ZEVO.Larkpost.Draft", 1, "delete", DraftDelete_v1},
+
     {"ZEVO.Larkpost.Label", 1, "create", LabelCreate_v1},
     {"ZEVO.Larkpost.Label", 1, "get", LabelGet_v1},
     {"ZEVO.Larkpost.Label", 1, "set", LabelSet_v1},
     {"ZEVO.Larkpost.Label", 1, "list", LabelList_v1},
     {"ZEVO.Larkpost.Label", 1, "delete", LabelDelete_v1},
+
+    {"ZEVO.Larkpost.Attachment", 1, "upload", AttachmentUpload_v1},
+    {"ZEVO.Larkpost.Attachment", 1, "upload_vex", AttachmentUploadVex_v1},
+    {"ZEVO.Larkpost.Attachment", 1, "upload_sticker", AttachmentUploadSticker_v1},
+    {"ZEVO.Larkpost.Attachment", 1, "download", AttachmentDownload_v1},
+    {"ZEVO.Larkpost.Attachment", 1, "download_temp", AttachmentDownloadTemp_v1},
+    {"ZEVO.Larkpost.Attachment", 1, "download_all", AttachmentDownloadAll_v1},
+    {"ZEVO.Larkpost.Attachment", 1, "delete", AttachmentDelete_v1},
+    {"ZEVO.Larkpost.Attachment", 1, "savevx", AttachmentSaveVX_v1},
+
+    {"ZEVO.Larkpost.Sticker", 1, "list", StickerList_v1},
+    {"ZEVO.Larkpost.Sticker", 1, "get", StickerGet_v1},
+    {"ZEVO.Larkpost.Sticker", 1, "add", StickerAdd_v1},
+    {"ZEVO.Larkpost.Sticker", 1, "delete", StickerDelete_v1},
 };
 
 const ZEVO::APITableEntry* GetAPITable() { return gTable; }

@@ -9,7 +9,7 @@
 
 // The rows in their fixed order; the table has no terminating row (the
 // framework takes its length from the symbol's size).
-inline constexpr size_t kAPITableSize = 25;
+inline constexpr size_t kAPITableSize = 42;
 LARKPOST_EXPORT extern const ZEVO::APITableEntry gTable[kAPITableSize];
 LARKPOST_EXPORT const ZEVO::APITableEntry* GetAPITable();
 
@@ -40,10 +40,30 @@ LARKPOST_ENTRY(MessageSetStar_v1);
 LARKPOST_ENTRY(MessageSetRead_v1);
 LARKPOST_ENTRY(MessageSetMailbox_v1);
 
+LARKPOST_ENTRY(DraftGet_v1);
+LARKPOST_ENTRY(DraftCreate_v1);
+LARKPOST_ENTRY(DraftSet_v1);
+LARKPOST_ENTRY(DraftSend_v1);
+LARKPOST_ENTRY(DraftDelete_v1);
+
 LARKPOST_ENTRY(LabelCreate_v1);
 LARKPOST_ENTRY(LabelGet_v1);
 LARKPOST_ENTRY(LabelSet_v1);
 LARKPOST_ENTRY(LabelList_v1);
 LARKPOST_ENTRY(LabelDelete_v1);
+
+LARKPOST_ENTRY(AttachmentUpload_v1);
+LARKPOST_ENTRY(AttachmentUploadVex_v1);
+LARKPOST_ENTRY(AttachmentUploadSticker_v1);
+LARKPOST_ENTRY(AttachmentDownload_v1);
+LARKPOST_ENTRY(AttachmentDownloadTemp_v1);
+LARKPOST_ENTRY(AttachmentDownloadAll_v1);
+LARKPOST_ENTRY(AttachmentDelete_v1);
+LARKPOST_ENTRY(AttachmentSaveVX_v1);
+
+LARKPOST_ENTRY(StickerList_v1);
+LARKPOST_ENTRY(StickerGet_v1);
+LARKPOST_ENTRY(StickerAdd_v1);
+LARKPOST_ENTRY(StickerDelete_v1);
 
 #undef LARKPOST_ENTRY

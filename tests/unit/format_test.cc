@@ -21,9 +21,9 @@ namespace constant = ornic::larkpost::constant;
 
 // A listed attachment, an inline image and a listed one with a Content-ID.
 const std::vector<record::Attachment> kAttachments = {
-    {1, 1001, "application/pdf", "report.pdf", "", false},
-    {2, 1002, "image/png", "logo.png", "part2@example.org", true},
-    {3, 1003, "text/plain", "notes.txt", "notes@example.org", false}};
+    {1, 1001, "application/pdf", "report.pdf", "", false, ""},
+    {2, 1002, "image/png", "logo.png", "part2@example.org", true, ""},
+    {3, 1003, "text/plain", "notes.txt", "notes@example.org", false, ""}};
 
 record::Message MakeMessage(int id, int type = 0) {
   record::Message message;
