@@ -1,4 +1,4 @@
-// entry.cgi: serves one web-API request per run. It decodes the request,
+// entry.cgi's work: serves one web-API request per process. It decodes the request,
 // finds the API in the plug-in's declaration, establishes the user as the
 // API's authentication level demands, and calls the plug-in's entry function
 // (after its checker, when the check table names one).
@@ -22,6 +22,7 @@
 #include <string>
 
 #include "appliance/framework/cgi.h"
+#include "appliance/framework/host.h"
 #include "appliance/system/appliance.h"
 #include "platform/zevo/webapi.h"
 
@@ -234,7 +235,18 @@ int Serve() {
 
 }  // namespace
 
-int main() {
+namespace larkpost::cgi {
+
+void PreloadPlugin() {
+  try {
+    LoadPlugin(PluginPath(ProcessEnvironment()));
+  } catch (const std::exception& e) {
+    // Each request will meet the same failure and answer it.
+    LogError(e.what());
+  }
+}
+
+int RunEntryProgram() {
   try {
     return Serve();
   } catch (const RequestError& e) {
@@ -246,3 +258,5 @@ int main() {
   }
   return 0;
 }
+
+}  // namespace larkpost::cgi

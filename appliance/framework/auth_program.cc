@@ -1,4 +1,4 @@
-// auth.cgi: logs a user in (a session id, its token and the session cookie)
+// auth.cgi's work: logs a user in (a session id, its token and the session cookie)
 // and out. Fields come from the POST body only, so that a password never
 // lands in a URL, a server log or a browser history.
 #include <syslog.h>
@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "appliance/framework/cgi.h"
+#include "appliance/framework/host.h"
 #include "appliance/system/appliance.h"
 #include "platform/zevo/webapi.h"
 
@@ -84,7 +85,9 @@ std::string Serve() {
 
 }  // namespace
 
-int main() {
+namespace larkpost::cgi {
+
+int RunAuthProgram() {
   std::string answer;
   try {
     answer = Serve();
@@ -102,3 +105,5 @@ int main() {
   cgi::WriteAnswer(answer);
   return 0;
 }
+
+}  // namespace larkpost::cgi

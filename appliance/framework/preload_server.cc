@@ -1,0 +1,232 @@
+// The preloaded host: a server that loads the plug-in once and forks one
+// process per request. Each request still runs in a process of its own, from
+// a state no earlier request touched (the server never serves one itself),
+// so a crash, a leak or a stuck request stays with that request; what it
+// saves is starting a program and loading a dozen libraries every time.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "appliance/framework/host.h"
+#include "appliance/framework/preload_protocol.h"
+
+namespace larkpost::cgi {
+namespace {
+
+volatile sig_atomic_t stop_requested = 0;
+
+void RequestStop(int) { stop_requested = 1; }
+
+void Log(const std::string& message) {
+  openlog("larkpost-cgi", LOG_PID, LOG_USER);
+  syslog(LOG_ERR, "%s", message.c_str());
+}
+
+bool ReadAll(int fd, char* data, size_t size) {
+  while (size > 0) {
+    const ssize_t n = read(fd, data, size);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    data += n;
+    size -= static_cast<size_t>(n);
+  }
+  return true;
+}
+
+// Receives the header and the client's three descriptors; false when the
+// message is not one (the descriptors that came are closed then).
+bool ReceiveHeader(int connection, PreloadHeader& header, int (&descriptors)[3]) {
+  union {
+    char buffer[CMSG_SPACE(sizeof(int) * 3)];
+    cmsghdr align;
+  } control{};
+  iovec data{&header, sizeof(header)};
+  msghdr message{};
+  message.msg_iov = &data;
+  message.msg_iovlen = 1;
+  message.msg_control = control.buffer;
+  message.msg_controllen = sizeof(control.buffer);
+  ssize_t got;
+  do {
+    got = recvmsg(connection, &message, MSG_CMSG_CLOEXEC | MSG_WAITALL);
+  } while (got < 0 && errno == EINTR);
+  int received = 0;
+  for (cmsghdr* item = CMSG_FIRSTHDR(&message); item != nullptr;
+       item = CMSG_NXTHDR(&message, item)) {
+    if (item->cmsg_level != SOL_SOCKET || item->cmsg_type != SCM_RIGHTS) continue;
+    const size_t count = (item->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+    for (size_t i = 0; i < count; ++i) {
+      int fd;
+      std::memcpy(&fd, CMSG_DATA(item) + i * sizeof(int), sizeof(int));
+      if (received < 3) {
+        descriptors[received++] = fd;
+      } else {
+        close(fd);
+      }
+    }
+  }
+  const bool ok = got == static_cast<ssize_t>(sizeof(header)) && received == 3 &&
+                  (message.msg_flags & MSG_CTRUNC) == 0 &&
+                  std::memcmp(header.magic, LARKPOST_PRELOAD_MAGIC, sizeof(header.magic)) == 0 &&
+                  (header.program == 'e' || header.program == 'a') &&
+                  header.environment_size <= LARKPOST_PRELOAD_MAX_ENVIRONMENT &&
+                  header.name_size <= LARKPOST_PRELOAD_MAX_NAME;
+  if (!ok) {
+    for (int i = 0; i < received; ++i) close(descriptors[i]);
+  }
+  return ok;
+}
+
+// Makes /proc/self/cmdline read `name`: the plug-in names its log lines
+// after the program the web server ran.
+void ShowAs(const std::string& name, char* cmdline, size_t cmdline_size) {
+  if (cmdline == nullptr || cmdline_size == 0) return;
+  std::memset(cmdline, 0, cmdline_size);
+  std::memcpy(cmdline, name.data(), std::min(name.size(), cmdline_size - 1));
+}
+
+// The child's whole life: becomes the CGI process the client would have
+// been, serves the request, reports the exit status.
+[[noreturn]] void ServeConnection(int connection, char* cmdline, size_t cmdline_size) {
+  for (int signal_number : {SIGCHLD, SIGTERM, SIGINT, SIGPIPE, SIGHUP}) {
+    std::signal(signal_number, SIG_DFL);
+  }
+  prctl(PR_SET_PDEATHSIG, 0);
+  PreloadHeader header{};
+  int descriptors[3] = {-1, -1, -1};
+  if (!ReceiveHeader(connection, header, descriptors)) {
+    Log("a preload client sent no valid request");
+    _exit(1);
+  }
+  // Kept for the rest of the process: putenv does not copy.
+  static std::vector<char> environment;
+  environment.resize(header.environment_size + 1);
+  std::string name(header.name_size, '\0');
+  if (!ReadAll(connection, environment.data(), header.environment_size) ||
+      !ReadAll(connection, name.data(), header.name_size)) {
+    Log("a preload client went away mid-request");
+    _exit(1);
+  }
+  environment[header.environment_size] = '\0';
+  for (int target = 0; target < 3; ++target) {
+    if (dup2(descriptors[target], target) < 0) _exit(1);
+  }
+  for (int fd : descriptors) {
+    if (fd > 2) close(fd);
+  }
+  clearenv();
+  for (size_t at = 0; at < header.environment_size;) {
+    char* entry = environment.data() + at;
+    const size_t length = std::strlen(entry);
+    if (std::strchr(entry, '=') != nullptr) putenv(entry);
+    at += length + 1;
+  }
+  ShowAs(name.empty() ? (header.program == 'e' ? "entry.cgi" : "auth.cgi") : name, cmdline,
+         cmdline_size);
+
+  const int status = header.program == 'e' ? RunEntryProgram() : RunAuthProgram();
+  std::cout.flush();
+  std::fflush(stdout);
+  // The answer ends here for the web server, whatever else this process
+  // still does on its way out.
+  close(1);
+  size_t sent = 0;
+  while (sent < sizeof(status)) {
+    const ssize_t n =
+        write(connection, reinterpret_cast<const char*>(&status) + sent, sizeof(status) - sent);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    sent += static_cast<size_t>(n);
+  }
+  std::exit(status);
+}
+
+int Listen(const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof(address.sun_path)) {
+    Log("socket path too long: " + path);
+    return -1;
+  }
+  std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return -1;
+  unlink(path.c_str());
+  // Only the web server's own user may hand requests over.
+  const mode_t old_mask = umask(0177);
+  const int bound = bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+  umask(old_mask);
+  if (bound != 0 || listen(fd, 128) != 0) {
+    Log("cannot listen on " + path + ": " + std::strerror(errno));
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+}  // namespace
+
+int ServePreloaded(const std::string& socket_path, char* cmdline, size_t cmdline_size) {
+  // The server lives exactly as long as the web server that started it.
+  prctl(PR_SET_PDEATHSIG, SIGTERM);
+  struct sigaction stop {};
+  stop.sa_handler = RequestStop;
+  sigemptyset(&stop.sa_mask);
+  stop.sa_flags = 0;  // accept() must return on a signal
+  sigaction(SIGTERM, &stop, nullptr);
+  sigaction(SIGINT, &stop, nullptr);
+  sigaction(SIGHUP, &stop, nullptr);
+  // Children are never waited for: their clients hear how they ended.
+  std::signal(SIGCHLD, SIG_IGN);
+  std::signal(SIGPIPE, SIG_IGN);
+
+  PreloadPlugin();
+  const int listener = Listen(socket_path);
+  if (listener < 0) return 1;
+  while (!stop_requested) {
+    const int connection = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    if (connection < 0) {
+      if (errno != EINTR && errno != ECONNABORTED) {
+        Log(std::string("accept: ") + std::strerror(errno));
+        if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) sleep(1);
+      }
+      continue;
+    }
+    ucred peer{};
+    socklen_t peer_size = sizeof(peer);
+    if (getsockopt(connection, SOL_SOCKET, SO_PEERCRED, &peer, &peer_size) != 0 ||
+        (peer.uid != getuid() && peer.uid != 0)) {
+      close(connection);
+      continue;
+    }
+    const pid_t child = fork();
+    if (child == 0) {
+      close(listener);
+      ServeConnection(connection, cmdline, cmdline_size);
+    }
+    if (child < 0) Log(std::string("fork: ") + std::strerror(errno));
+    // A client whose request could not be forked sees the connection close
+    // and answers an error of its own.
+    close(connection);
+  }
+  close(listener);
+  unlink(socket_path.c_str());
+  return 0;
+}
+
+}  // namespace larkpost::cgi
