@@ -1,7 +1,122 @@
+#include <string>
+
+#include "appliance/mailcore/attachment_content.h"
+#include "appliance/mailcore/controller_impl.h"
+#include "appliance/mailcore/store_records.h"
 #include "platform/mailcore/control.h"
+#include "platform/mailcore/error.h"
 
 namespace ornic::larkpost::control {
+namespace {
+
+using store::Database;
+using store::Statement;
+
+// Content ids are random, so that an HTML body of one draft cannot guess
+// another's; the domain part keeps them in the form that mail expects.
+constexpr int kContentIdLength = 16;
+constexpr char kContentIdDomain[] = "@larkpost";
+
+}  // namespace
 
 AttachmentControl::AttachmentControl(Controller& controller) : controller_(controller) {}
+
+int AttachmentControl::AddAttachmentTemp(const AttachmentConfig& config, std::string& content_id) {
+  if (!config.name.IsSet() || config.name.Get().empty() || !config.path.IsSet() ||
+      config.path.Get().empty()) {
+    return 0;
+  }
+  Database& db = controller_.impl().db();
+  return store::Guard("registering a temporary attachment", [&] {
+    store::Transaction transaction(db);
+    std::string name = store::SafeAttachmentName(config.name.Get());
+    Statement taken(db,
+                    "SELECT EXISTS (SELECT 1 FROM attachment_temp WHERE content_id = ?1) "
+                    "OR EXISTS (SELECT 1 FROM attachment WHERE content_id = ?1)");
+    std::string id_text;
+    do {
+      id_text = RandomString("", kContentIdLength) + kContentIdDomain;
+      taken.Reset();
+      taken.Bind(1, id_text);
+    } while (taken.Step() && taken.Int(0) != 0);
+    Statement insert(db,
+                     "INSERT INTO attachment_temp(path, name, mimetype, content_id, is_inline, "
+                     "created) VALUES (?1, ?2, ?3, ?4, ?5, ?6)");
+    insert.Bind(1, config.path.Get()).Bind(2, name).Bind(3, GetMimeType(name)).Bind(4, id_text);
+    insert.Bind(5, config.is_inline.IsSet() && config.is_inline.Get()).Bind(6, store::Now());
+    insert.Run();
+    int id = static_cast<int>(db.LastInsertRowid());
+    transaction.Commit();
+    content_id = id_text;
+    return id;
+  });
+}
+
+record::AttachmentTemp AttachmentControl::GetTemp(int id) {
+  Database& db = controller_.impl().db();
+  return store::Guard("reading a temporary attachment", [&] {
+    Statement row(db,
+                  "SELECT path, name, mimetype, content_id, is_inline FROM attachment_temp "
+                  "WHERE id = ?1");
+    row.Bind(1, id);
+    record::AttachmentTemp temp;
+    if (!row.Step()) return temp;
+    temp.id = id;
+    temp.path = row.Text(0);
+    temp.name = row.Text(1);
+    temp.mimetype = row.Text(2);
+    temp.content_id = row.Text(3);
+    temp.is_inline = row.Int(4) != 0;
+    return temp;
+  });
+}
+
+record::Attachment AttachmentControl::Get(int id) {
+  Database& db = controller_.impl().db();
+  return store::Guard("reading an attachment", [&] {
+    Statement row(db,
+                  "SELECT size, mimetype, name, content_id, is_inline, preview_path "
+                  "FROM attachment WHERE id = ?1");
+    row.Bind(1, id);
+    record::Attachment attachment;
+    if (!row.Step()) return attachment;
+    attachment.id = id;
+    attachment.size = row.Int(0);
+    attachment.mimetype = row.Text(1);
+    attachment.name = row.Text(2);
+    attachment.content_id = row.Text(3);
+    attachment.is_inline = row.Int(4) != 0;
+    attachment.preview_path = row.Text(5);
+    return attachment;
+  });
+}
+
+std::string AttachmentControl::GetContentByRecord(const record::Attachment& attachment) {
+  if (!attachment.IsValid()) return std::string();
+  Database& db = controller_.impl().db();
+  try {
+    return store::Guard("reading the content of attachment " + std::to_string(attachment.id), [&] {
+      store::ReadTransaction read(db);
+      return store::AttachmentContent(db, attachment.id);
+    });
+  } catch (const Error& e) {
+    // The caller reads "" as "cannot be read"; why has been logged.
+    if (e.ErrorCode() == kErrorDatabase) throw;
+    return std::string();
+  }
+}
+
+bool AttachmentControl::SetPreviewPath(int id, const std::string& path) {
+  Database& db = controller_.impl().db();
+  return store::Guard("remembering a preview", [&] {
+    store::Transaction transaction(db);
+    Statement update(db, "UPDATE attachment SET preview_path = ?2 WHERE id = ?1");
+    update.Bind(1, id).Bind(2, path);
+    update.Run();
+    if (db.Changes() == 0) return false;
+    transaction.Commit();
+    return true;
+  });
+}
 
 }  // namespace ornic::larkpost::control

@@ -25,6 +25,8 @@ const std::string& Controller::session_id() const { return impl_->session_id; }
 
 const sdk::ZevoUser& Controller::zevo_user() const { return impl_->user; }
 
+void Controller::CloseDatabaseConnection() { impl_->CloseDb(); }
+
 Controller::Impl& Controller::impl() const { return *impl_; }
 
 }  // namespace ornic::larkpost::control

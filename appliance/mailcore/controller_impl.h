@@ -48,6 +48,10 @@ std::shared_ptr<Database> Connection(uint32_t uid, bool create);
 // it. For tests and for code about to move or remove a store.
 void CloseConnections();
 
+// Drops the shared connection to the store of `uid`; it closes when its last
+// user lets go of it, and the next Connection() opens a new one.
+void CloseConnection(uint32_t uid);
+
 // Writes "<unit>:<line> <text>" to the system log at error level.
 void LogError(const char* unit, int line, const std::string& text);
 
@@ -76,6 +80,9 @@ struct Controller::Impl {
   // The user's store (store::Connection), taken on first use. Throws
   // ornic::Error(kErrorDatabase) when it does not exist or cannot be opened.
   store::Database& db();
+  // Lets go of the connection (and of the process's shared one), so that
+  // the store is closed unless someone else still holds it.
+  void CloseDb();
 
   sdk::ZevoUser user;
   std::string session_id;

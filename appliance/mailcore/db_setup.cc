@@ -365,6 +365,65 @@ constexpr Migration kMigrations[] = {
      "  - ifnull((SELECT unread_count FROM thread WHERE id = old.thread_id), 0)"
      "  WHERE id = old.label_id;"
      " END;"},
+    {3,
+     // Composing. A draft keeps the contents of its own attachments in
+     // attachment.content (uploads, and what a forward took over from the
+     // message it forwards); received mail keeps decoding them from its
+     // source. draft_type: 0 new, 1 reply, 2 reply to all, 3 forward.
+     // preview_path: a preview image that the web API made and asked the
+     // core to remember.
+     "ALTER TABLE message ADD COLUMN draft_type INTEGER NOT NULL DEFAULT 0;"
+     "ALTER TABLE attachment ADD COLUMN preview_path TEXT NOT NULL DEFAULT '';"
+     // Uploads for a draft that no draft has taken yet. The core owns the
+     // file at path; a draft that takes one copies its content and removes
+     // both. content_id: what an HTML body names the upload by ("cid:").
+     "CREATE TABLE attachment_temp("
+     " id INTEGER PRIMARY KEY AUTOINCREMENT,"
+     " path TEXT NOT NULL CHECK (path <> ''),"
+     " name TEXT NOT NULL CHECK (name <> ''),"
+     " mimetype TEXT NOT NULL DEFAULT 'application/octet-stream',"
+     " content_id TEXT NOT NULL UNIQUE,"
+     " is_inline INTEGER NOT NULL DEFAULT 0,"
+     " created INTEGER NOT NULL DEFAULT 0);"
+     // The user's general preferences: one row, made here with the defaults.
+     "CREATE TABLE general_setting("
+     " id INTEGER PRIMARY KEY CHECK (id = 1),"
+     " conversations_per_page INTEGER NOT NULL DEFAULT 25,"
+     " display_external_image INTEGER NOT NULL DEFAULT 0,"
+     " mark_as_read_time INTEGER NOT NULL DEFAULT 0,"
+     " enable_signature INTEGER NOT NULL DEFAULT 1,"
+     " update_interval_time INTEGER NOT NULL DEFAULT 5,"
+     " split_pane_mode INTEGER NOT NULL DEFAULT 0,"
+     " preview_layout INTEGER NOT NULL DEFAULT 0,"
+     " theme INTEGER NOT NULL DEFAULT 0,"
+     " composer_fontname TEXT NOT NULL DEFAULT '',"
+     " composer_fontsize TEXT NOT NULL DEFAULT '',"
+     " composer_forecolor TEXT NOT NULL DEFAULT '',"
+     " codepage TEXT NOT NULL DEFAULT '');"
+     "INSERT INTO general_setting(id) VALUES (1);"
+     // The address book: one contact per address, email_key being the
+     // address in lower case.
+     "CREATE TABLE contact("
+     " id INTEGER PRIMARY KEY,"
+     " name TEXT NOT NULL DEFAULT '',"
+     " email TEXT NOT NULL,"
+     " email_key TEXT NOT NULL UNIQUE);"
+     // Sending identities, chosen by the From address (mail, without
+     // regard to case) or else the default one. connection_type: 0 plain
+     // (STARTTLS when the server offers it), 1 SSL/TLS, 2 STARTTLS required.
+     "CREATE TABLE smtp_account("
+     " id INTEGER PRIMARY KEY AUTOINCREMENT,"
+     " display_name TEXT NOT NULL DEFAULT '',"
+     " mail TEXT NOT NULL,"
+     " host_name TEXT NOT NULL,"
+     " port INTEGER NOT NULL,"
+     " user_name TEXT NOT NULL DEFAULT '',"
+     " password TEXT NOT NULL DEFAULT '',"
+     " connection_type INTEGER NOT NULL DEFAULT 0,"
+     " signature TEXT NOT NULL DEFAULT '',"
+     " is_default INTEGER NOT NULL DEFAULT 0);"
+     "CREATE INDEX smtp_account_mail ON smtp_account(mail COLLATE NOCASE);"
+     "CREATE INDEX smtp_account_default ON smtp_account(is_default) WHERE is_default <> 0;"},
 };
 
 // The triggers of migration 2 name the built-in mailboxes by number.

@@ -53,6 +53,23 @@ std::vector<record::FullMessage> MessageControl::GetFullMessages(const std::vect
   });
 }
 
+record::FullMessage MessageControl::GetFullMessage(int id) {
+  Database& db = controller_.impl().db();
+  return store::Guard("reading message " + std::to_string(id), [&] {
+    store::ReadTransaction read(db);
+    record::FullMessage message;
+    if (!store::RecordReader(db).FullMessage(id, &message)) return record::FullMessage();
+    return message;
+  });
+}
+
+record::Message MessageControl::GetMessage(int id) {
+  // A message without its recipients and bodies; reading them too costs
+  // little next to the attachments, and keeps one reader of messages.
+  record::FullMessage full = GetFullMessage(id);
+  return record::Message(std::move(full));
+}
+
 std::string MessageControl::OriginalContent(int id) {
   Database& db = controller_.impl().db();
   return store::Guard("reading a message source", [&] {

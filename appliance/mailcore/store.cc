@@ -66,6 +66,11 @@ void CloseConnections() {
   g_connections.clear();
 }
 
+void CloseConnection(uint32_t uid) {
+  std::lock_guard<std::mutex> lock(g_connections_mutex);
+  g_connections.erase(StorePath(uid));
+}
+
 void LogError(const char* unit, int line, const std::string& text) {
   syslog(LOG_ERR, "%s:%d %s", unit, line, text.c_str());
 }
@@ -80,6 +85,11 @@ store::Database& Controller::Impl::db() {
                        [&] { return store::Connection(user.uid(), false); });
   }
   return *db_;
+}
+
+void Controller::Impl::CloseDb() {
+  db_.reset();
+  store::CloseConnection(user.uid());
 }
 
 }  // namespace control

@@ -78,9 +78,10 @@ RecordReader::RecordReader(Database& db)
                         ", m.to_text, m.cc_text, m.bcc_text, ifnull(b.plain, ''), "
                         "ifnull(b.html, '') FROM message m "
                         "LEFT JOIN message_body b ON b.message_id = m.id WHERE m.id = ?1"),
-      attachments_(db,
-                   "SELECT id, size, mimetype, name, content_id, is_inline FROM attachment "
-                   "WHERE message_id = ?1 AND (is_inline = 0 OR NOT ?2) ORDER BY id") {}
+      attachments_(
+          db,
+          "SELECT id, size, mimetype, name, content_id, is_inline, preview_path FROM attachment "
+          "WHERE message_id = ?1 AND (is_inline = 0 OR NOT ?2) ORDER BY id") {}
 
 void RecordReader::FillMessage(Statement& row, record::Message* message) {
   message->id = row.Int(0);
@@ -120,6 +121,7 @@ std::vector<record::Attachment> RecordReader::Attachments(int message_id, bool l
     attachment.name = attachments_.Text(3);
     attachment.content_id = attachments_.Text(4);
     attachment.is_inline = attachments_.Int(5) != 0;
+    attachment.preview_path = attachments_.Text(6);
     attachments.push_back(std::move(attachment));
   }
   attachments_.Reset();
