@@ -9,6 +9,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -63,7 +64,7 @@ constexpr char kUsage[] =
     "  import NAME [--mailbox PATH] SOURCE...\n"
     "      store the messages of mbox files, Maildir folders or single message\n"
     "      files for user NAME; prints how many were stored\n"
-    "  serve [--listen HOST:PORT]\n"
+    "  serve [--listen HOST:PORT] [--no-preload]\n"
     "      run the web server in the foreground (default 127.0.0.1:8080; IPv6 as\n"
     "      [::1]:8080); Ctrl-C stops it\n"
     "\n"
@@ -125,10 +126,35 @@ bool Exists(const std::string& path) {
   return stat(path.c_str(), &info) == 0;
 }
 
+// Starts the preloaded host (larkpost-cgi serve) beside the web server. It
+// ends when this process (lighttpd, once exec'd) does, or with Ctrl-C, which
+// reaches both; when it is not running, entry.cgi and auth.cgi start the host
+// themselves, so a failure here only costs speed.
+void StartPreloadedHost(const std::string& program, const std::string& socket_path) {
+  if (!Exists(program)) {
+    std::cerr << "larkpostctl: warning: " << program << " is missing\n";
+    return;
+  }
+  std::cout.flush();
+  std::cerr.flush();
+  const pid_t child = fork();
+  if (child < 0) throw std::runtime_error(std::string("fork: ") + strerror(errno));
+  if (child == 0) {
+    const char* const argv[] = {program.c_str(), "serve", socket_path.c_str(), nullptr};
+    execv(program.c_str(), const_cast<char* const*>(argv));
+    _exit(127);
+  }
+}
+
 int Serve(const Args& args) {
   std::string listen = "127.0.0.1:8080";
+  bool preload = true;
   for (size_t i = 0; i < args.size(); ++i) {
-    if (!TakeOption(args, i, "--listen", &listen)) throw UsageError("serve: unexpected " + args[i]);
+    if (args[i] == "--no-preload") {
+      preload = false;
+    } else if (!TakeOption(args, i, "--listen", &listen)) {
+      throw UsageError("serve: unexpected " + args[i]);
+    }
   }
   ServeSettings settings;
   try {
@@ -150,6 +176,17 @@ int Serve(const Args& args) {
       std::cerr << "larkpostctl: warning: " << settings.program_dir << "/" << program
                 << " is missing; its URL will fail\n";
     }
+  }
+
+  const std::string socket_path = appliance::RunDir() + "/cgi.sock";
+  if (preload && socket_path.size() >= sizeof(sockaddr_un::sun_path)) {
+    std::cerr << "larkpostctl: warning: " << socket_path
+              << " is too long for a socket; requests start the host each time\n";
+    preload = false;
+  }
+  if (preload) {
+    settings.environment.emplace_back("LARKPOST_CGI_SOCKET", socket_path);
+    StartPreloadedHost(settings.program_dir + "/larkpost-cgi", socket_path);
   }
 
   std::string index = settings.data_root + "/www/index.html";
