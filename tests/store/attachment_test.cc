@@ -1,0 +1,257 @@
+#include <gtest/gtest.h>
+#include <libexif/exif-data.h>
+#include <stdlib.h>
+
+#include <cctype>
+#include <fstream>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "platform/mailcore/addressbook.h"
+#include "platform/mailcore/util.h"
+#include "tests/store/store_fixture.h"
+
+namespace ornic::larkpost::testing {
+namespace {
+
+using Texts = std::vector<std::string>;
+
+class AttachmentTest : public StoreTest {
+ protected:
+  control::AttachmentControl attachments_{controller()};
+  control::MessageControl messages_{controller()};
+};
+
+TEST_F(AttachmentTest, ReceivedPartsAreDecodedFromTheSource) {
+  Mail mail;
+  mail.raw =
+      "Subject: Scan\r\nMIME-Version: 1.0\r\nContent-Type: multipart/mixed; boundary=\"x\"\r\n\r\n"
+      "--x\r\nContent-Type: text/plain\r\n\r\nSee scan.\r\n"
+      "--x\r\nContent-Type: application/pdf; name=\"scan.pdf\"\r\n"
+      "Content-Transfer-Encoding: base64\r\n\r\nJVBERi0xLjQKAP8=\r\n--x--\r\n";
+  mail.attachments = {{"scan.pdf", "application/pdf", "", false, 11, "2"},
+                      {"gone.bin", "application/octet-stream", "", false, 3, "7"}};
+  record::Message message = messages_.GetMessage(Add(mail));
+  ASSERT_EQ(message.attachments.size(), 2u);
+  EXPECT_EQ(attachments_.GetContentByRecord(message.attachments[0]),
+            std::string("%PDF-1.4\n\x00\xff", 11));
+  // A part that the source lacks, and a record that is not stored, read as
+  // nothing.
+  EXPECT_EQ(attachments_.GetContentByRecord(message.attachments[1]), "");
+  record::Attachment unknown;
+  unknown.id = 9999;
+  EXPECT_EQ(attachments_.GetContentByRecord(unknown), "");
+  EXPECT_EQ(attachments_.GetContentByRecord(record::Attachment()), "");
+}
+
+TEST_F(AttachmentTest, RecordsOfTemporaryAndStoredAttachments) {
+  control::AttachmentConfig config;
+  std::string cid = "untouched";
+  EXPECT_EQ(attachments_.AddAttachmentTemp(config, cid), 0);
+  config.name.Set("Photo.JPG");
+  EXPECT_EQ(attachments_.AddAttachmentTemp(config, cid), 0);
+  config.path.Set("");
+  EXPECT_EQ(attachments_.AddAttachmentTemp(config, cid), 0);
+  EXPECT_EQ(cid, "untouched");
+
+  config.path.Set(root_.path() + "/not-yet-written");
+  config.is_inline.Set(true);
+  std::set<std::string> content_ids;
+  for (int i = 0; i < 20; ++i) {
+    int id = attachments_.AddAttachmentTemp(config, cid);
+    ASSERT_GT(id, 0);
+    record::AttachmentTemp temp = attachments_.GetTemp(id);
+    EXPECT_EQ(temp.path, root_.path() + "/not-yet-written");
+    EXPECT_EQ(temp.name, "Photo.JPG");
+    EXPECT_EQ(temp.mimetype, "image/jpeg");
+    EXPECT_TRUE(temp.is_inline);
+    EXPECT_EQ(temp.content_id, cid);
+    EXPECT_EQ(cid.size(), 16 + std::string("@larkpost").size()) << cid;
+    EXPECT_EQ(cid.substr(16), "@larkpost");
+    content_ids.insert(cid);
+  }
+  EXPECT_EQ(content_ids.size(), 20u);
+  EXPECT_FALSE(attachments_.GetTemp(9999).IsValid());
+
+  Mail mail;
+  mail.attachments = {{"a.png", "image/png", "", false, 10, "2"}};
+  int attachment_id = messages_.GetMessage(Add(mail)).attachments.at(0).id;
+  EXPECT_EQ(attachments_.Get(attachment_id).preview_path, "");
+  EXPECT_TRUE(attachments_.SetPreviewPath(attachment_id, "/previews/1.jpg"));
+  EXPECT_FALSE(attachments_.SetPreviewPath(9999, "/previews/2.jpg"));
+  record::Attachment stored = attachments_.Get(attachment_id);
+  EXPECT_EQ(stored.name, "a.png");
+  EXPECT_EQ(stored.mimetype, "image/png");
+  EXPECT_EQ(stored.preview_path, "/previews/1.jpg");
+  EXPECT_FALSE(attachments_.Get(9999).IsValid());
+  EXPECT_EQ(Inconsistencies(), Texts());
+}
+
+TEST_F(AttachmentTest, TheConnectionIsReallyLetGo) {
+  std::weak_ptr<store::Database> before = store::Connection(uid_, false);
+  controller().CloseDatabaseConnection();
+  EXPECT_TRUE(before.expired());
+  // The next operation opens the store again.
+  EXPECT_TRUE(control::MailboxControl(controller()).Get(kInbox).IsValid());
+  EXPECT_FALSE(store::Connection(uid_, false) == nullptr);
+}
+
+TEST_F(AttachmentTest, StickersThatShipComeByCategory) {
+  control::StickerControl stickers(controller());
+  auto names = [&](int category) {
+    Texts out;
+    for (const record::Sticker& s : stickers.List(category)) {
+      EXPECT_EQ(s.category, category);
+      EXPECT_TRUE(std::ifstream(s.path).good()) << s.path;
+      EXPECT_GT(s.last_modified, 0);
+      out.push_back(std::to_string(s.id) + ":" + s.name);
+    }
+    return out;
+  };
+  EXPECT_EQ(names(1), (Texts{"1:smile", "2:wink", "3:laugh", "4:sad", "5:surprised"}));
+  EXPECT_EQ(names(2), (Texts{"6:heart", "7:star", "8:check", "9:sun"}));
+  EXPECT_EQ(names(0), Texts());
+  record::Sticker star = stickers.Get(7);
+  EXPECT_EQ(star.name, "star");
+  EXPECT_EQ(star.path.substr(star.path.size() - 8), "star.png");
+  EXPECT_FALSE(stickers.Get(99).IsValid());
+
+  // A folder of one's own; lines that are not stickers, and stickers
+  // without an image, are left out.
+  root_.Write(
+      "stickers/stickers.txt",
+      "# comment\n3\t4\tone\tone.png\nbad line\n5\t4\ttwo\t../two.png\n6\t4\tnone\tnone.png\n");
+  root_.Write("stickers/one.png", "png");
+  setenv("LARKPOST_STICKER_DIR", (root_.path() + "/stickers").c_str(), 1);
+  EXPECT_EQ(names(4), Texts{"3:one"});
+  EXPECT_FALSE(stickers.Get(7).IsValid());
+  unsetenv("LARKPOST_STICKER_DIR");
+}
+
+TEST_F(AttachmentTest, GeneralSettingsChangeOnlyWhatIsSet) {
+  control::SettingControl settings(controller());
+  record::GeneralConfig defaults = settings.GetGeneralSetting();
+  EXPECT_EQ(defaults.conversations_per_page, 25);
+  EXPECT_TRUE(defaults.enable_signature);
+  EXPECT_EQ(defaults.update_interval_time, 5);
+  EXPECT_EQ(defaults.codepage, "");
+
+  control::GeneralConfig change;
+  change.conversations_per_page.Set(50);
+  change.display_external_image.Set(true);
+  change.enable_signature.Set(false);
+  change.codepage.Set("utf8");
+  change.composer_fontsize.Set("12pt");
+  ASSERT_TRUE(settings.SetGeneralSetting(change));
+  ASSERT_TRUE(settings.SetGeneralSetting(control::GeneralConfig()));
+  record::GeneralConfig stored = settings.GetGeneralSetting();
+  EXPECT_EQ(stored.conversations_per_page, 50);
+  EXPECT_TRUE(stored.display_external_image);
+  EXPECT_FALSE(stored.enable_signature);
+  EXPECT_EQ(stored.codepage, "utf8");
+  EXPECT_EQ(stored.composer_fontsize, "12pt");
+  EXPECT_EQ(stored.update_interval_time, 5);
+  EXPECT_EQ(stored.composer_fontname, "");
+
+  for (int which = 0; which < 3; ++which) {
+    control::GeneralConfig bad;
+    bad.theme.Set(2);
+    if (which == 0) bad.conversations_per_page.Set(0);
+    if (which == 1) bad.mark_as_read_time.Set(-1);
+    if (which == 2) bad.update_interval_time.Set(-5);
+    EXPECT_FALSE(settings.SetGeneralSetting(bad)) << which;
+  }
+  EXPECT_EQ(settings.GetGeneralSetting().theme, 0);
+}
+
+TEST_F(AttachmentTest, OneContactPerAddress) {
+  addressbook::control::Controller book(uid_);
+  addressbook::control::ContactControl contacts(book);
+  int bob = contacts.CreateFromLarkpost("", "Bob@Example.org");
+  EXPECT_GT(bob, 0);
+  EXPECT_EQ(contacts.CreateFromLarkpost("Bob Builder", "bob@example.ORG"), bob);
+  EXPECT_EQ(contacts.CreateFromLarkpost("Robert", " bob@example.org "), bob);
+  int ann = contacts.CreateFromLarkpost("Ann", "ann@example.org");
+  EXPECT_NE(ann, bob);
+  EXPECT_EQ(contacts.CreateFromLarkpost("Nobody", ""), 0);
+  std::vector<addressbook::Contact> all = contacts.List();
+  ASSERT_EQ(all.size(), 2u);
+  EXPECT_EQ(all[0].email + "|" + all[0].name, "ann@example.org|Ann");
+  EXPECT_EQ(all[1].email + "|" + all[1].name, "Bob@Example.org|Bob Builder");
+  EXPECT_EQ(CodeOf([] { addressbook::control::Controller nobody(4242); }), kErrorNoSuchUser);
+}
+
+TEST(CoreHelpers, RandomStringsAndFileTypes) {
+  std::set<std::string> seen;
+  std::set<char> letters;
+  for (int i = 0; i < 200; ++i) {
+    std::string text = control::RandomString("attachment_", 8);
+    ASSERT_EQ(text.size(), 19u);
+    ASSERT_EQ(text.substr(0, 11), "attachment_");
+    for (char c : text.substr(11)) {
+      ASSERT_TRUE(isalnum(static_cast<unsigned char>(c))) << text;
+      letters.insert(c);
+    }
+    seen.insert(text);
+  }
+  EXPECT_EQ(seen.size(), 200u);
+  EXPECT_GT(letters.size(), 50u);  // 1600 draws cover nearly all of the 62
+  EXPECT_EQ(control::RandomString("p", 0), "p");
+  EXPECT_EQ(control::RandomString("", -3), "");
+
+  struct {
+    const char* name;
+    const char* type;
+  } types[] = {{"IMG.JPG", "image/jpeg"},
+               {"a.b.pdf", "application/pdf"},
+               {"x.png", "image/png"},
+               {"notes.txt", "text/plain"},
+               {"noext", "application/octet-stream"},
+               {"odd.unknownext", "application/octet-stream"},
+               {"", "application/octet-stream"}};
+  for (const auto& t : types) EXPECT_EQ(control::GetMimeType(t.name), t.type) << t.name;
+}
+
+// A JPEG start, an EXIF block with `orientation` (none when 0), and the end
+// marker: all that EXIF readers look at.
+std::string JpegWithOrientation(int orientation) {
+  std::string jpeg("\xff\xd8", 2);
+  if (orientation != 0) {
+    std::unique_ptr<ExifData, void (*)(ExifData*)> data(exif_data_new(), exif_data_unref);
+    exif_data_set_byte_order(data.get(), EXIF_BYTE_ORDER_MOTOROLA);
+    ExifEntry* entry = exif_entry_new();
+    exif_content_add_entry(data->ifd[EXIF_IFD_0], entry);
+    exif_entry_initialize(entry, EXIF_TAG_ORIENTATION);
+    exif_set_short(entry->data, EXIF_BYTE_ORDER_MOTOROLA, static_cast<ExifShort>(orientation));
+    exif_entry_unref(entry);
+    unsigned char* bytes = nullptr;
+    unsigned int size = 0;
+    exif_data_save_data(data.get(), &bytes, &size);
+    jpeg += "\xff\xe1";
+    jpeg += static_cast<char>((size + 2) >> 8);
+    jpeg += static_cast<char>((size + 2) & 0xff);
+    jpeg.append(reinterpret_cast<char*>(bytes), size);
+    free(bytes);
+  }
+  return jpeg + "\xff\xd9";
+}
+
+TEST_F(AttachmentTest, RotationFromExifOrientation) {
+  struct {
+    int orientation;
+    int degrees;
+  } cases[] = {{0, 0}, {1, 0}, {2, 0}, {3, 180}, {4, 180}, {5, 270}, {6, 90}, {7, 90}, {8, 270}};
+  for (const auto& c : cases) {
+    root_.Write("exif.jpg", JpegWithOrientation(c.orientation));
+    EXPECT_EQ(util::GetImageRotationDegree(root_.path() + "/exif.jpg"), c.degrees) << c.orientation;
+  }
+  root_.Write("plain.png", "\x89PNG\r\n");
+  EXPECT_EQ(util::GetImageRotationDegree(root_.path() + "/plain.png"), 0);
+  EXPECT_EQ(util::GetImageRotationDegree(root_.path() + "/missing.jpg"), -1);
+  EXPECT_EQ(util::GetImageRotationDegree(root_.path()), -1);
+}
+
+}  // namespace
+}  // namespace ornic::larkpost::testing

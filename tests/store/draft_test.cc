@@ -1,0 +1,371 @@
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "appliance/mailcore/draft_store.h"
+#include "tests/store/store_fixture.h"
+
+namespace ornic::larkpost::testing {
+namespace {
+
+using Ids = std::vector<int>;
+using Texts = std::vector<std::string>;
+
+// A received message with a listed attachment (bytes 00 01 02 03 ff, part
+// "2") and an inline image (part "3", content id "logo@example.org").
+const char kReceived[] =
+    "From: Ann <ann@example.org>\r\n"
+    "To: Bob <bob@example.org>\r\n"
+    "Subject: Report\r\n"
+    "Message-ID: <r2@example.org>\r\n"
+    "MIME-Version: 1.0\r\n"
+    "Content-Type: multipart/mixed; boundary=\"b\"\r\n"
+    "\r\n"
+    "--b\r\n"
+    "Content-Type: text/plain\r\n"
+    "\r\n"
+    "See attached.\r\n"
+    "--b\r\n"
+    "Content-Type: application/octet-stream; name=\"data.bin\"\r\n"
+    "Content-Disposition: attachment; filename=\"data.bin\"\r\n"
+    "Content-Transfer-Encoding: base64\r\n"
+    "\r\n"
+    "AAECA/8=\r\n"
+    "--b\r\n"
+    "Content-Type: image/png; name=\"logo.png\"\r\n"
+    "Content-ID: <logo@example.org>\r\n"
+    "Content-Disposition: inline\r\n"
+    "Content-Transfer-Encoding: base64\r\n"
+    "\r\n"
+    "iVBORw==\r\n"
+    "--b--\r\n";
+const std::string kData("\x00\x01\x02\x03\xff", 5);
+const std::string kLogo("\x89PNG", 4);
+
+class DraftTest : public StoreTest {
+ protected:
+  DraftTest() {
+    Mail first;
+    first.message_id = "r1@example.org";
+    first.subject = "Report";
+    r1_ = Add(first);
+    Mail second = first;
+    second.message_id = "r2@example.org";
+    second.in_reply_to = "r1@example.org";
+    second.references = {"r1@example.org"};
+    second.raw = kReceived;
+    second.attachments = {{"data.bin", "application/octet-stream", "", false, 5, "2"},
+                          {"logo.png", "image/png", "logo@example.org", true, 4, "3"}};
+    r2_ = Add(second);
+    Mail other;
+    other.subject = "Unrelated";
+    other.message_id = "u@example.org";
+    other_ = Add(other);
+  }
+
+  // A file under the data root holding `content`, registered as a temporary
+  // attachment; returns its id.
+  int Upload(const std::string& name, const std::string& content, bool is_inline = false,
+             std::string* content_id = nullptr) {
+    std::string relative = "uploads/" + std::to_string(++uploads_);
+    root_.Write(relative, content);
+    control::AttachmentConfig config;
+    config.name.Set(name);
+    config.path.Set(root_.path() + "/" + relative);
+    config.is_inline.Set(is_inline);
+    std::string id_text;
+    int id = attachments_.AddAttachmentTemp(config, id_text);
+    if (content_id != nullptr) *content_id = id_text;
+    return id;
+  }
+
+  control::MessageConfig NewDraft(const std::string& subject = "Plans") {
+    control::MessageConfig config;
+    config.from.Set("Alice <alice@example.org>");
+    config.to.Set({"Bob <bob@example.org>", "carol@example.org"});
+    config.cc.Set({"Dan <dan@example.org>"});
+    config.bcc.Set({"eve@example.org"});
+    config.subject.Set(subject);
+    config.body.Set("<p>Hello <b>Bob</b></p><p>See you</p>");
+    return config;
+  }
+
+  // The draft's attachments as "name:content" in stored order.
+  Texts Contents(int message_id) {
+    Texts out;
+    for (const record::Attachment& attachment : messages_.GetMessage(message_id).attachments) {
+      out.push_back(attachment.name + ":" + attachments_.GetContentByRecord(attachment));
+    }
+    return out;
+  }
+
+  // What a failed change must leave as it was.
+  std::string Snapshot() {
+    std::string text;
+    for (const char* sql :
+         {"SELECT group_concat(id || ':' || mailbox_id || ':' || thread_id || ':' || subject || "
+          "':' || to_text || ':' || last_modified, ' ') FROM message",
+          "SELECT group_concat(message_id || ':' || html, ' ') FROM message_body",
+          "SELECT group_concat(id || ':' || message_id || ':' || name, ' ') FROM attachment",
+          "SELECT group_concat(id || ':' || path, ' ') FROM attachment_temp",
+          "SELECT group_concat(id || ':' || message_count, ' ') FROM mailbox"}) {
+      store::Statement statement(db(), sql);
+      statement.Step();
+      text += statement.Text(0) + "\n";
+    }
+    return text;
+  }
+
+  int64_t Count(const std::string& sql) { return Query(sql); }
+
+  control::MessageControl messages_{controller()};
+  control::AttachmentControl attachments_{controller()};
+  int r1_ = 0, r2_ = 0, other_ = 0, uploads_ = 0;
+};
+
+TEST_F(DraftTest, ANewDraftIsStoredInDraftsWithItsFields) {
+  int id = messages_.CreateDraft(NewDraft());
+  record::FullMessage draft = messages_.GetFullMessage(id);
+  ASSERT_TRUE(draft.IsValid());
+  EXPECT_EQ(draft.type, 1);
+  EXPECT_EQ(draft.mailbox_id, kDrafts);
+  EXPECT_TRUE(draft.read);
+  EXPECT_EQ(draft.arrival_time, clock_.now());
+  EXPECT_EQ(draft.from, "Alice <alice@example.org>");
+  EXPECT_EQ(draft.to, (Texts{"Bob <bob@example.org>", "carol@example.org"}));
+  EXPECT_EQ(draft.cc, Texts{"Dan <dan@example.org>"});
+  EXPECT_EQ(draft.bcc, Texts{"eve@example.org"});
+  EXPECT_EQ(draft.html_body, "<p>Hello <b>Bob</b></p><p>See you</p>");
+  EXPECT_EQ(draft.plain_body.find('<'), std::string::npos) << draft.plain_body;
+  EXPECT_NE(draft.plain_body.find("Hello Bob"), std::string::npos) << draft.plain_body;
+  EXPECT_EQ(draft.body_preview.substr(0, 9), "Hello Bob");
+  // A new draft starts its own thread even when a thread has its subject.
+  EXPECT_NE(messages_.CreateDraft(NewDraft("Report")), 0);
+  EXPECT_NE(draft.thread_id, ThreadOf(r1_));
+  EXPECT_EQ(Query("SELECT draft_count FROM mailbox WHERE id = 2"), 2);
+  EXPECT_EQ(Inconsistencies(), Texts());
+}
+
+TEST_F(DraftTest, ChangingADraftTouchesOnlyTheFieldsThatAreSet) {
+  int id = messages_.CreateDraft(NewDraft());
+  clock_.Advance(60);
+  control::MessageConfig change;
+  change.to.Set({});
+  change.subject.Set("New plans");
+  ASSERT_TRUE(messages_.ModifyDraft(id, change));
+  record::FullMessage draft = messages_.GetFullMessage(id);
+  EXPECT_EQ(draft.to, Texts());
+  EXPECT_EQ(draft.subject, "New plans");
+  EXPECT_EQ(draft.cc, Texts{"Dan <dan@example.org>"});
+  EXPECT_EQ(draft.bcc, Texts{"eve@example.org"});
+  EXPECT_EQ(draft.from, "Alice <alice@example.org>");
+  EXPECT_EQ(draft.html_body, "<p>Hello <b>Bob</b></p><p>See you</p>");
+  EXPECT_EQ(draft.last_modified, clock_.now());
+  // The new subject is searchable, the old one is not.
+  control::SearchControl search(controller());
+  search.SetConditions({{constant::kConditionKeyword, "keyword", "New plans", false}}, false);
+  std::vector<int> threads;
+  EXPECT_EQ(search.Search(threads), 1u);
+  EXPECT_EQ(Inconsistencies(), Texts());
+
+  // Nothing set: still a draft, nothing but its time changes.
+  EXPECT_TRUE(messages_.ModifyDraft(id, control::MessageConfig()));
+  EXPECT_EQ(messages_.GetFullMessage(id).subject, "New plans");
+  // Not drafts.
+  EXPECT_FALSE(messages_.ModifyDraft(r1_, change));
+  EXPECT_FALSE(messages_.ModifyDraft(9999, change));
+  EXPECT_EQ(messages_.GetFullMessage(r1_).subject, "Report");
+}
+
+TEST_F(DraftTest, AReplyJoinsTheConversationAndCarriesItsChain) {
+  for (int type : {1, 2}) {
+    control::MessageConfig config = NewDraft("Re: Report");
+    config.refer_to.Set(r2_);
+    config.draft_type.Set(type);
+    config.body.Set("<p>Thanks</p><blockquote><img src=\"cid:logo@example.org\"></blockquote>");
+    int id = messages_.CreateDraft(config);
+    EXPECT_EQ(ThreadOf(id), ThreadOf(r2_));
+    store::Draft draft;
+    ASSERT_TRUE(store::LoadDraft(controller(), id, &draft));
+    EXPECT_EQ(draft.reply_to, r2_);
+    EXPECT_EQ(draft.in_reply_to, "r2@example.org");
+    EXPECT_EQ(draft.references, (Texts{"r1@example.org", "r2@example.org"}));
+    // The quoted picture came along as the draft's own inline image.
+    ASSERT_EQ(draft.attachments.size(), 1u);
+    EXPECT_TRUE(draft.attachments[0].is_inline);
+    EXPECT_EQ(draft.attachments[0].content_id, "logo@example.org");
+    EXPECT_EQ(store::ReadDraftAttachment(controller(), id, draft.attachments[0].id), kLogo);
+  }
+  EXPECT_EQ(Inconsistencies(), Texts());
+}
+
+TEST_F(DraftTest, AForwardCopiesTheAttachmentsItKeeps) {
+  record::Message original = messages_.GetMessage(r2_);
+  ASSERT_EQ(original.attachments.size(), 2u);
+  control::MessageConfig config = NewDraft("Fwd: Report");
+  config.refer_to.Set(r2_);
+  config.draft_type.Set(3);
+  config.attachment.Set({original.attachments[0].id});
+  int id = messages_.CreateDraft(config);
+  EXPECT_NE(ThreadOf(id), ThreadOf(r2_));
+  EXPECT_EQ(Contents(id), Texts{"data.bin:" + kData});
+  EXPECT_NE(messages_.GetMessage(id).attachments[0].id, original.attachments[0].id);
+  // The copy is the draft's own: deleting the original leaves it.
+  ASSERT_TRUE(messages_.SetMailbox({r2_}, kTrash));
+  ASSERT_TRUE(messages_.SetMailbox({r2_}, kTrash));
+  EXPECT_EQ(Contents(id), Texts{"data.bin:" + kData});
+  // An attachment of another message is not the draft's to list.
+  control::MessageConfig stranger = NewDraft();
+  stranger.attachment.Set({original.attachments[0].id + 100});
+  EXPECT_EQ(CodeOf([&] { messages_.CreateDraft(stranger); }), kErrorNotFound);
+  EXPECT_EQ(Inconsistencies(), Texts());
+}
+
+TEST_F(DraftTest, UploadsBecomeTheDraftsOwnAndAreUsedUp) {
+  const std::string binary("PK\x03\x04\x00\x00\xff\xfe rest", 14);
+  int first = Upload("../../etc/report.zip", binary);
+  std::string cid;
+  int image = Upload("photo.png", kLogo, true, &cid);
+  std::string first_path = attachments_.GetTemp(first).path;
+  ASSERT_EQ(access(first_path.c_str(), F_OK), 0);
+
+  control::MessageConfig config = NewDraft();
+  config.body.Set("<p>Look: <img src=\"cid:" + cid + "\"></p>");
+  config.temp_attachment.Set({first, image});
+  int id = messages_.CreateDraft(config);
+  EXPECT_EQ(Contents(id), (Texts{"report.zip:" + binary, "photo.png:" + kLogo}));
+  EXPECT_FALSE(attachments_.GetTemp(first).IsValid());
+  EXPECT_FALSE(attachments_.GetTemp(image).IsValid());
+  EXPECT_NE(access(first_path.c_str(), F_OK), 0);
+  record::Message draft = messages_.GetMessage(id);
+  EXPECT_EQ(draft.attachments[1].content_id, cid);
+  EXPECT_EQ(draft.inline_images.at(cid).second, draft.attachments[1].id);
+  EXPECT_EQ(Query("SELECT has_attachment FROM message WHERE id = " + std::to_string(id)), 1);
+
+  // Listing keeps what is named; the inline image stays while the body
+  // shows it and goes with the body that no longer does.
+  int extra = Upload("notes.txt", "notes");
+  control::MessageConfig change;
+  change.temp_attachment.Set({extra});
+  ASSERT_TRUE(messages_.ModifyDraft(id, change));
+  Ids ids;
+  for (const record::Attachment& a : messages_.GetMessage(id).attachments) ids.push_back(a.id);
+  ASSERT_EQ(ids.size(), 3u);
+  change = control::MessageConfig();
+  change.attachment.Set({ids[2]});
+  ASSERT_TRUE(messages_.ModifyDraft(id, change));
+  EXPECT_EQ(Contents(id), (Texts{"photo.png:" + kLogo, "notes.txt:notes"}));
+  change = control::MessageConfig();
+  change.body.Set("<p>No picture</p>");
+  ASSERT_TRUE(messages_.ModifyDraft(id, change));
+  EXPECT_EQ(Contents(id), Texts{"notes.txt:notes"});
+  EXPECT_EQ(Inconsistencies(), Texts());
+}
+
+TEST_F(DraftTest, AFailingChangeChangesNothing) {
+  int id = messages_.CreateDraft(NewDraft());
+  int kept = Upload("kept.txt", "kept");
+  int lost = Upload("lost.txt", "lost");
+  std::string kept_path = attachments_.GetTemp(kept).path;
+  ASSERT_EQ(unlink(attachments_.GetTemp(lost).path.c_str()), 0);
+  std::string before = Snapshot();
+  clock_.Advance(60);
+
+  struct Case {
+    const char* name;
+    control::MessageConfig config;
+  };
+  std::vector<Case> cases(4);
+  cases[0] = {"temp attachment without its file", NewDraft()};
+  cases[0].config.temp_attachment.Set({kept, lost});
+  cases[1] = {"unknown temp attachment", NewDraft()};
+  cases[1].config.temp_attachment.Set({kept, 9999});
+  cases[2] = {"unknown attachment", NewDraft()};
+  cases[2].config.attachment.Set({9999});
+  cases[3] = {"unknown message referred to", NewDraft()};
+  cases[3].config.refer_to.Set(9999);
+  cases[3].config.draft_type.Set(1);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(CodeOf([&] { messages_.CreateDraft(c.config); }), kErrorNotFound);
+    if (!c.config.refer_to.IsSet()) {
+      EXPECT_FALSE(messages_.ModifyDraft(id, c.config));
+    }
+    EXPECT_EQ(Snapshot(), before);
+    EXPECT_EQ(access(kept_path.c_str(), F_OK), 0);
+  }
+  EXPECT_EQ(Inconsistencies(), Texts());
+}
+
+TEST_F(DraftTest, DeletingDraftsRefusesOtherMessages) {
+  int a = messages_.CreateDraft(NewDraft());
+  control::MessageConfig reply = NewDraft();
+  reply.refer_to.Set(r2_);
+  reply.draft_type.Set(1);
+  int b = messages_.CreateDraft(reply);
+  EXPECT_EQ(Query("SELECT message_count FROM mailbox WHERE id = 2"), 2);
+  EXPECT_TRUE(messages_.DeleteDraft({}));
+  EXPECT_FALSE(messages_.DeleteDraft({a, r1_}));
+  EXPECT_FALSE(messages_.DeleteDraft({a, 9999}));
+  EXPECT_TRUE(messages_.GetMessage(a).IsValid());
+  EXPECT_TRUE(messages_.DeleteDraft({a, b, a}));
+  EXPECT_FALSE(messages_.GetMessage(a).IsValid());
+  EXPECT_FALSE(messages_.GetMessage(b).IsValid());
+  EXPECT_TRUE(messages_.GetMessage(r2_).IsValid());
+  EXPECT_EQ(Query("SELECT message_count + draft_count FROM mailbox WHERE id = 2"), 0);
+  EXPECT_EQ(Query("SELECT count(*) FROM thread"), 2);
+  EXPECT_EQ(Inconsistencies(), Texts());
+}
+
+TEST_F(DraftTest, TheSentCopyTakesTheDraftsPlace) {
+  control::MessageConfig config = NewDraft("Re: Report");
+  config.refer_to.Set(r2_);
+  config.draft_type.Set(1);
+  config.temp_attachment.Set({Upload("a.txt", "alpha")});
+  int draft_id = messages_.CreateDraft(config);
+  store::Draft draft;
+  ASSERT_TRUE(store::LoadDraft(controller(), draft_id, &draft));
+  EXPECT_EQ(draft.subject, "Re: Report");
+  EXPECT_EQ(draft.bcc, Texts{"eve@example.org"});
+  ASSERT_EQ(draft.attachments.size(), 1u);
+  EXPECT_EQ(draft.attachments[0].size, 5);
+  EXPECT_EQ(store::ReadDraftAttachment(controller(), draft_id, draft.attachments[0].id), "alpha");
+  EXPECT_EQ(CodeOf([&] { store::ReadDraftAttachment(controller(), r2_, draft.attachments[0].id); }),
+            kErrorNotFound);
+  EXPECT_FALSE(store::LoadDraft(controller(), r2_, &draft));
+
+  store::NewMessage sent;
+  sent.from = "Alice <alice@example.org>";
+  sent.to = {"Bob <bob@example.org>"};
+  sent.subject = "Re: Report";
+  sent.rfc_message_id = "s1@example.org";
+  sent.in_reply_to = "r2@example.org";
+  sent.references = {"r1@example.org", "r2@example.org"};
+  sent.plain_body = "Thanks";
+  sent.attachments = {{"a.txt", "text/plain", "", false, 5, "2"}};
+  sent.raw = "Subject: Re: Report\r\n\r\nThanks";
+  clock_.Advance(30);
+  int sent_id = store::StoreSentCopy(controller(), draft_id, sent);
+  record::FullMessage copy = messages_.GetFullMessage(sent_id);
+  EXPECT_EQ(copy.mailbox_id, kSent);
+  EXPECT_EQ(copy.type, 0);
+  EXPECT_TRUE(copy.read);
+  EXPECT_EQ(copy.thread_id, ThreadOf(r2_));
+  EXPECT_EQ(copy.reply_to, r2_);
+  EXPECT_EQ(copy.arrival_time, clock_.now());
+  EXPECT_EQ(messages_.OriginalContent(sent_id), sent.raw);
+  EXPECT_FALSE(messages_.GetMessage(draft_id).IsValid());
+  EXPECT_EQ(CodeOf([&] { store::StoreSentCopy(controller(), draft_id, sent); }), kErrorNotFound);
+  EXPECT_EQ(Query("SELECT count(*) FROM message WHERE mailbox_id = 3"), 1);
+  EXPECT_EQ(Inconsistencies(), Texts());
+  // A later answer to the sent message finds the conversation.
+  Mail answer;
+  answer.in_reply_to = "s1@example.org";
+  answer.subject = "Something else";
+  EXPECT_EQ(ThreadOf(Add(answer)), ThreadOf(r2_));
+}
+
+}  // namespace
+}  // namespace ornic::larkpost::testing
