@@ -1,0 +1,447 @@
+// Sending drafts for real: the core builds the message, talks SMTP to a sink
+// on loopback, and keeps the sent copy. What the sink received is read back
+// with GMime, independently of the code that built it.
+#include <fcntl.h>
+#include <gmime/gmime.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+#include <memory>
+#include <regex>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "appliance/mailcore/send/smtp_client.h"
+#include "appliance/system/testing.h"
+#include "platform/mailcore/control.h"
+#include "tests/fake/syslog_capture.h"
+#include "tests/store/store_fixture.h"
+#include "tests/support/smtp_sink.h"
+
+namespace ornic::larkpost::testing {
+namespace {
+
+using ::larkpost::testing::SmtpSession;
+using ::larkpost::testing::SmtpSink;
+
+// A leaf part of a received message.
+struct Leaf {
+  std::string type, filename, content_id, disposition, content;
+};
+
+// A received message: its MIME tree written as "type(child,child)", and its
+// leaves in order.
+struct Received {
+  std::string tree;
+  std::vector<Leaf> leaves;
+};
+
+std::string Owned(char* text) {
+  std::string copy = text ? text : "";
+  g_free(text);
+  return copy;
+}
+
+void Walk(GMimeObject* object, Received* received) {
+  received->tree +=
+      Owned(g_mime_content_type_get_mime_type(g_mime_object_get_content_type(object)));
+  if (GMIME_IS_MULTIPART(object)) {
+    GMimeMultipart* multipart = GMIME_MULTIPART(object);
+    received->tree += "(";
+    for (int i = 0; i < g_mime_multipart_get_count(multipart); ++i) {
+      if (i > 0) received->tree += ",";
+      Walk(g_mime_multipart_get_part(multipart, i), received);
+    }
+    received->tree += ")";
+    return;
+  }
+  if (!GMIME_IS_PART(object)) return;  // an attached message: its type says enough
+  Leaf leaf;
+  leaf.type = Owned(g_mime_content_type_get_mime_type(g_mime_object_get_content_type(object)));
+  const char* filename = g_mime_part_get_filename(GMIME_PART(object));
+  const char* content_id = g_mime_object_get_content_id(object);
+  const char* disposition = g_mime_object_get_disposition(object);
+  leaf.filename = filename ? filename : "";
+  leaf.content_id = content_id ? content_id : "";
+  leaf.disposition = disposition ? disposition : "";
+  GMimeStream* stream = g_mime_stream_mem_new();
+  g_mime_data_wrapper_write_to_stream(g_mime_part_get_content(GMIME_PART(object)), stream);
+  GByteArray* bytes = g_mime_stream_mem_get_byte_array(GMIME_STREAM_MEM(stream));
+  leaf.content.assign(reinterpret_cast<const char*>(bytes->data), bytes->len);
+  g_object_unref(stream);
+  received->leaves.push_back(leaf);
+}
+
+Received Parse(const std::string& data) {
+  static const bool ready = (g_mime_init(), true);
+  (void)ready;
+  GMimeStream* stream = g_mime_stream_mem_new_with_buffer(data.data(), data.size());
+  GMimeParser* parser = g_mime_parser_new_with_stream(stream);
+  GMimeMessage* message = g_mime_parser_construct_message(parser, nullptr);
+  Received received;
+  if (message != nullptr) Walk(g_mime_message_get_mime_part(message), &received);
+  if (message != nullptr) g_object_unref(message);
+  g_object_unref(parser);
+  g_object_unref(stream);
+  return received;
+}
+
+// The header block of a message, with folded lines joined.
+std::string Headers(const std::string& data) {
+  std::string block = "\r\n" + data.substr(0, data.find("\r\n\r\n") + 2);
+  return std::regex_replace(block, std::regex("\r\n[ \t]+"), " ");
+}
+
+template <size_t N>
+std::string Bytes(const char (&literal)[N]) {
+  return std::string(literal, N - 1);
+}
+
+const std::string kPdf = Bytes("%PDF-1.4\n\x00\x01\x02\xff binary\r\n.\r\nend");
+const std::string kPng = Bytes("\x89PNG\r\n\x1a\n\x00\x00\x00\rIHDR tiny");
+
+class SendTest : public StoreTest {
+ protected:
+  SendTest() { ::larkpost::fake::ResetSystemLog(); }
+
+  int AddAccount(const std::string& mail, uint16_t port, bool is_default = false,
+                 const std::string& user = "", const std::string& password = "",
+                 int connection_type = 0, const std::string& display_name = "") {
+    store::Statement insert(db(),
+                            "INSERT INTO smtp_account(display_name, mail, host_name, port, "
+                            "user_name, password, connection_type, is_default) "
+                            "VALUES (?1, ?2, '127.0.0.1', ?3, ?4, ?5, ?6, ?7)");
+    insert.Bind(1, display_name).Bind(2, mail).Bind(3, static_cast<int>(port)).Bind(4, user);
+    insert.Bind(5, password).Bind(6, connection_type).Bind(7, is_default);
+    insert.Run();
+    return static_cast<int>(db().LastInsertRowid());
+  }
+
+  void ConfigureRelay(bool smtp_enabled, uint16_t port) {
+    root_.Write(
+        "etc/larkpost.json",
+        std::string("{\"mail_server\": {\"smtp_enabled\": \"") + (smtp_enabled ? "yes" : "no") +
+            "\"}, \"relay\": {\"host\": \"127.0.0.1\", \"port\": " + std::to_string(port) + "}}");
+    ::larkpost::appliance::detail::ForgetConfig();
+  }
+
+  // A temporary attachment with `content`; its content id in `*cid`.
+  int Upload(const std::string& name, const std::string& content, bool is_inline,
+             std::string* cid = nullptr) {
+    std::string path = controller().zevo_user().PrepareUserLarkpostDir(".ORNIC/@tmp") + "/upload-" +
+                       std::to_string(++uploads_);
+    std::ofstream(path, std::ios::binary) << content;
+    control::AttachmentConfig config;
+    config.name.Set(name);
+    config.path.Set(path);
+    config.is_inline.Set(is_inline);
+    std::string content_id;
+    int id = control::AttachmentControl(controller()).AddAttachmentTemp(config, content_id);
+    if (cid != nullptr) *cid = content_id;
+    return id;
+  }
+
+  int Draft(const std::vector<std::string>& to, const std::string& html = "<p>Hi</p>",
+            const std::vector<int>& uploads = {}, const std::string& from = "ann@example.org") {
+    control::MessageConfig config;
+    config.from.Set(from);
+    config.to.Set(to);
+    config.subject.Set("Plans");
+    config.body.Set(html);
+    if (!uploads.empty()) config.temp_attachment.Set(uploads);
+    return messages_.CreateDraft(config);
+  }
+
+  int64_t SentCount() { return Query("SELECT count(*) FROM message WHERE mailbox_id = 3"); }
+
+  control::MessageControl messages_{controller()};
+  int uploads_ = 0;
+};
+
+TEST_F(SendTest, WhatArrivesIsAStandardMessageAndTheSentCopyIsThatMessage) {
+  SmtpSink sink;
+  AddAccount("Ann@Example.org", sink.port());
+  std::string cid;
+  const int image = Upload("dot.png", kPng, true, &cid);
+  const int pdf = Upload("Bericht für März.pdf", kPdf, false);
+  const int notes = Upload("notes.txt", "one\ntwo ünï\n", false);
+  control::MessageConfig config;
+  config.from.Set("Änne Example <ann@example.org>");
+  config.to.Set({"Bob <bob@example.org>", "Zoë <zoe@example.net>"});
+  config.cc.Set({"carol@example.org"});
+  config.bcc.Set({"Dave Hidden <dave@example.org>", "BOB@example.org"});
+  config.subject.Set("Grüße aus Köln");
+  config.body.Set("<p>Look: <img src=\"cid:" + cid + "\"></p><p>.leading dot</p>");
+  config.temp_attachment.Set({image, pdf, notes});
+  const int draft = messages_.CreateDraft(config);
+  const int thread = ThreadOf(draft);
+
+  const int sent = messages_.Send(draft);
+
+  ASSERT_EQ(sink.sessions().size(), 1u);
+  const SmtpSession session = sink.sessions()[0];
+  EXPECT_TRUE(session.accepted);
+  EXPECT_EQ(session.mail_from, "ann@example.org");
+  // Bare addresses, each once, Bcc included.
+  EXPECT_EQ(session.rcpt_to, (std::vector<std::string>{"bob@example.org", "zoe@example.net",
+                                                       "carol@example.org", "dave@example.org"}));
+  const std::string headers = Headers(session.data);
+  for (const char* pattern :
+       {"\r\nDate: Tue, 14 Nov 2023 ",
+        "\r\nMessage-Id: <[0-9a-z]+\\.[A-Za-z0-9]{20}@example\\.org>\r\n",
+        "\r\nFrom: =\\?UTF-8\\?[bBqQ]\\?[^?]+\\?= Example <ann@example\\.org>\r\n",
+        "\r\nTo: Bob <bob@example\\.org>, =\\?UTF-8\\?[bBqQ]\\?[^?]+\\?= <zoe@example\\.net>\r\n",
+        "\r\nCc: carol@example\\.org\r\n", "\r\nSubject: =\\?UTF-8\\?[bBqQ]\\?",
+        "\r\nMIME-Version: 1\\.0\r\n"}) {
+    EXPECT_TRUE(std::regex_search(headers, std::regex(pattern))) << pattern << "\n" << headers;
+  }
+  EXPECT_EQ(headers.find("Bcc"), std::string::npos);
+  EXPECT_EQ(session.data.find("dave"), std::string::npos);
+  EXPECT_NE(session.data.find("filename*=UTF-8''Bericht%20f%C3%BCr%20M%C3%A4rz.pdf"),
+            std::string::npos);
+  EXPECT_FALSE(std::regex_search(session.data, std::regex("[^\r]\n")));
+
+  const Received received = Parse(session.data);
+  EXPECT_EQ(received.tree,
+            "multipart/mixed(multipart/alternative(text/plain,multipart/related(text/html,"
+            "image/png)),application/pdf,text/plain)");
+  ASSERT_EQ(received.leaves.size(), 5u);
+  EXPECT_NE(received.leaves[1].content.find("<img src=\"cid:" + cid + "\">"), std::string::npos);
+  EXPECT_EQ(received.leaves[2].content, kPng);
+  EXPECT_EQ(received.leaves[2].content_id, cid);
+  EXPECT_EQ(received.leaves[2].disposition, "inline");
+  EXPECT_EQ(received.leaves[3].content, kPdf);
+  EXPECT_EQ(received.leaves[3].filename, "Bericht für März.pdf");
+  EXPECT_EQ(received.leaves[3].disposition, "attachment");
+  EXPECT_EQ(received.leaves[4].content, "one\ntwo ünï\n");
+
+  // The copy in Sent is the message that went out, in the draft's thread;
+  // the draft is gone.
+  EXPECT_FALSE(messages_.GetMessage(draft).IsValid());
+  const record::FullMessage copy = messages_.GetFullMessage(sent);
+  EXPECT_EQ(copy.mailbox_id, kSent);
+  EXPECT_EQ(copy.thread_id, thread);
+  EXPECT_EQ(copy.type, 0);
+  EXPECT_TRUE(copy.read);
+  EXPECT_EQ(copy.subject, "Grüße aus Köln");
+  EXPECT_EQ(copy.bcc,
+            (std::vector<std::string>{"Dave Hidden <dave@example.org>", "BOB@example.org"}));
+  EXPECT_EQ(messages_.OriginalContent(sent), session.data);
+  control::AttachmentControl attachments(controller());
+  std::vector<std::string> listed;
+  for (const record::Attachment& attachment : copy.attachments) {
+    if (!attachment.is_inline) listed.push_back(attachments.GetContentByRecord(attachment));
+  }
+  EXPECT_EQ(listed, (std::vector<std::string>{kPdf, "one\ntwo ünï\n"}));
+  EXPECT_TRUE(Inconsistencies().empty());
+}
+
+TEST_F(SendTest, BodyStructureFollowsWhatTheDraftHolds) {
+  SmtpSink sink;
+  AddAccount("ann@example.org", sink.port());
+  struct Case {
+    const char* name;
+    bool html;
+    bool image;
+    bool file;
+    std::string forwarded;  // the source of an attached message, "" for none
+    const char* tree;
+  } cases[] = {
+      {"text only", false, false, false, "", "text/plain"},
+      {"html", true, false, false, "", "multipart/alternative(text/plain,text/html)"},
+      {"html and file", true, false, true, "",
+       "multipart/mixed(multipart/alternative(text/plain,text/html),application/pdf)"},
+      {"html and image", true, true, false, "",
+       "multipart/alternative(text/plain,multipart/related(text/html,image/png))"},
+      // Without HTML to show it in, an inline image is an attachment.
+      {"image without html", false, true, false, "", "multipart/mixed(text/plain,image/png)"},
+      // An attached message may not be encoded: one that would need it is data.
+      {"attached message", false, false, false, "Subject: old\r\n\r\nbody\r\n",
+       "multipart/mixed(text/plain,message/rfc822)"},
+      {"attached message with a line too long", false, false, false,
+       "Subject: old\r\n\r\n" + std::string(1200, 'x') + "\r\n",
+       "multipart/mixed(text/plain,application/octet-stream)"},
+  };
+  for (const Case& c : cases) {
+    std::vector<int> uploads;
+    std::string cid;
+    if (c.image) uploads.push_back(Upload("dot.png", kPng, true, &cid));
+    if (c.file) uploads.push_back(Upload("a.pdf", kPdf, false));
+    if (!c.forwarded.empty()) uploads.push_back(Upload("old.eml", c.forwarded, false));
+    std::string html = c.html ? "<p>Hi <img src=\"cid:" + cid + "\"></p>" : "";
+    messages_.Send(Draft({"bob@example.org"}, html, uploads));
+    EXPECT_EQ(Parse(sink.messages().back()).tree, c.tree) << c.name;
+  }
+}
+
+TEST_F(SendTest, IdentityIsTheMatchingAccountThenTheDefaultThenTheRelay) {
+  SmtpSink matching, fallback, relay;
+  ConfigureRelay(true, relay.port());
+  EXPECT_GT(messages_.Send(Draft({"bob@example.org"})), 0);
+  EXPECT_EQ(relay.messages().size(), 1u);
+
+  AddAccount("other@example.org", fallback.port(), /*is_default=*/true);
+  messages_.Send(Draft({"bob@example.org"}));
+  EXPECT_EQ(fallback.messages().size(), 1u);
+
+  AddAccount("ANN@example.ORG", matching.port(), false, "", "", 0, "Ann From Account");
+  messages_.Send(Draft({"bob@example.org"}));
+  ASSERT_EQ(matching.messages().size(), 1u);
+  // The account names a sender whose From has no name.
+  EXPECT_NE(matching.messages()[0].find("\r\nFrom: Ann From Account <ann@example.org>\r\n"),
+            std::string::npos);
+  EXPECT_EQ(relay.messages().size() + fallback.messages().size(), 2u);
+
+  std::vector<std::string> ids;
+  for (const SmtpSink* sink : {&relay, &fallback, &matching}) {
+    for (const std::string& data : sink->messages()) {
+      std::smatch id;
+      ASSERT_TRUE(std::regex_search(data, id, std::regex("Message-Id: (<[^>]+>)")));
+      ids.push_back(id[1]);
+    }
+  }
+  std::sort(ids.begin(), ids.end());
+  EXPECT_EQ(std::unique(ids.begin(), ids.end()), ids.end()) << "Message-IDs repeat";
+}
+
+TEST_F(SendTest, NoAccountAndTheLocalServerOffIsNoSmtpAccount) {
+  SmtpSink relay;
+  ConfigureRelay(false, relay.port());
+  AddAccount("someone@example.org", relay.port());  // neither matching nor default
+  const int draft = Draft({"bob@example.org"});
+  EXPECT_EQ(CodeOf([&] { messages_.Send(draft); }), kErrorNoSmtpAccount);
+  EXPECT_TRUE(relay.sessions().empty());
+  EXPECT_EQ(messages_.GetMessage(draft).mailbox_id, kDrafts);
+}
+
+TEST_F(SendTest, RefusalsAndUnreachableServersLeaveTheDraftAsItWas) {
+  struct Case {
+    const char* name;
+    void (*setup)(SmtpSink&);
+    int connection_type;
+    bool login;
+    bool close_sink;
+    int32_t code;
+    const char* logged;  // part of a log line, "" for none expected
+  } cases[] = {
+      {"recipient refused", [](SmtpSink& s) { s.RefuseRecipient("zoe@example.net"); }, 0, false,
+       false, kErrorSmtpRejected, "Recipient address rejected: User unknown"},
+      {"message refused", [](SmtpSink& s) { s.RefuseMessage(); }, 0, false, false,
+       kErrorSmtpRejected, "Message rejected as spam"},
+      {"login refused", [](SmtpSink& s) { s.RefuseAuth(); }, 0, true, false, kErrorSmtpAuth,
+       "Authentication credentials invalid"},
+      {"login required, none given", [](SmtpSink& s) { s.RequireAuth("ann", "secret"); }, 0, false,
+       false, kErrorSmtpAuth, "Authentication required"},
+      {"nothing listening", [](SmtpSink&) {}, 0, false, true, kErrorSmtpConnect, ""},
+      {"STARTTLS required, not offered", [](SmtpSink&) {}, 2, false, false, kErrorSmtpConnect, ""},
+      {"TLS from the start to a plain server", [](SmtpSink&) {}, 1, false, false, kErrorSmtpConnect,
+       ""},
+  };
+  for (const Case& c : cases) {
+    auto sink = std::make_unique<SmtpSink>();
+    c.setup(*sink);
+    db().Exec("DELETE FROM smtp_account");
+    AddAccount("ann@example.org", sink->port(), true, c.login ? "ann" : "", c.login ? "wrong" : "",
+               c.connection_type);
+    if (c.close_sink) sink.reset();
+    ::larkpost::fake::ResetSystemLog();
+    const int draft = Draft({"bob@example.org", "zoe@example.net"});
+    const record::FullMessage before = messages_.GetFullMessage(draft);
+
+    EXPECT_EQ(CodeOf([&] { messages_.Send(draft); }), c.code) << c.name;
+
+    const record::FullMessage after = messages_.GetFullMessage(draft);
+    EXPECT_EQ(after.mailbox_id, kDrafts) << c.name;
+    EXPECT_EQ(after.type, 1) << c.name;
+    EXPECT_EQ(std::tie(after.to, after.subject, after.html_body, after.last_modified),
+              std::tie(before.to, before.subject, before.html_body, before.last_modified))
+        << c.name;
+    EXPECT_EQ(SentCount(), 0) << c.name;
+    if (*c.logged != '\0') {
+      std::vector<std::string> lines = ::larkpost::fake::LogTexts();
+      EXPECT_TRUE(std::any_of(
+          lines.begin(), lines.end(),
+          [&](const std::string& line) { return line.find(c.logged) != std::string::npos; }))
+          << c.name << "\n"
+          << ::testing::PrintToString(lines);
+    }
+    if (sink) {
+      EXPECT_TRUE(sink->messages().empty()) << c.name;
+    }
+  }
+}
+
+TEST_F(SendTest, LoginWithTheAccountsCredentials) {
+  SmtpSink sink;
+  sink.RequireAuth("ann", "s3cret pass");
+  AddAccount("ann@example.org", sink.port(), false, "ann", "s3cret pass");
+  EXPECT_GT(messages_.Send(Draft({"bob@example.org"})), 0);
+  ASSERT_EQ(sink.sessions().size(), 1u);
+  EXPECT_TRUE(sink.sessions()[0].authenticated);
+  EXPECT_TRUE(sink.sessions()[0].accepted);
+}
+
+TEST_F(SendTest, WhatCannotBeSentIsRefusedBeforeAnyServerIsAsked) {
+  SmtpSink sink;
+  AddAccount("ann@example.org", sink.port());
+  const int received = Add(Mail{});
+  EXPECT_EQ(CodeOf([&] { messages_.Send(received); }), kErrorNotFound);
+  EXPECT_EQ(CodeOf([&] { messages_.Send(999); }), kErrorNotFound);
+  const int no_one = Draft({});
+  EXPECT_EQ(CodeOf([&] { messages_.Send(no_one); }), kErrorNoRecipient);
+  EXPECT_TRUE(messages_.GetMessage(no_one).IsValid());
+  EXPECT_TRUE(sink.sessions().empty());
+}
+
+TEST_F(SendTest, AReplyCarriesItsChainAndItsCopyJoinsTheConversation) {
+  SmtpSink sink;
+  AddAccount("ann@example.org", sink.port());
+  Mail original;
+  original.subject = "Trip";
+  original.message_id = "second@example.net";
+  original.references = {"first@example.net"};
+  const int parent = Add(original);
+  control::MessageConfig config;
+  config.from.Set("ann@example.org");
+  config.to.Set({"bob@example.org"});
+  config.subject.Set("Re: Trip");
+  config.body.Set("<p>Yes</p>");
+  config.refer_to.Set(parent);
+  config.draft_type.Set(1);
+
+  const int sent = messages_.Send(messages_.CreateDraft(config));
+
+  const std::string headers = Headers(sink.messages().at(0));
+  EXPECT_NE(headers.find("\r\nIn-Reply-To: <second@example.net>\r\n"), std::string::npos);
+  EXPECT_NE(headers.find("\r\nReferences: <first@example.net> <second@example.net>\r\n"),
+            std::string::npos)
+      << headers;
+  EXPECT_EQ(ThreadOf(sent), ThreadOf(parent));
+  EXPECT_EQ(messages_.GetMessage(sent).mailbox_id, kSent);
+}
+
+// A server that takes the connection and then says nothing.
+TEST(SmtpClientTest, AServerThatStopsAnsweringTimesOut) {
+  SmtpSink sink;
+  sink.Stall();
+  send::SmtpServer server;
+  server.host = "127.0.0.1";
+  server.port = sink.port();
+  server.security = send::Security::kNone;
+  server.reply_timeout = 1;
+  server.stall_timeout = 1;
+  char path[] = "/tmp/larkpost-send-XXXXXX";
+  int fd = mkstemp(path);
+  ASSERT_GE(fd, 0);
+  unlink(path);
+  ASSERT_EQ(write(fd, "Subject: x\r\n\r\nx\r\n", 17), 17);
+  EXPECT_EQ(send::Transmit(server, {"a@example.org", {"b@example.org"}}, fd, 17),
+            kErrorSmtpTimeout);
+  close(fd);
+}
+
+}  // namespace
+}  // namespace ornic::larkpost::testing
