@@ -167,8 +167,10 @@ class ZEVO_PLATFORM_API MessageControl {
   // Sends the draft as stored to every To, Cc and Bcc address and keeps the
   // sent copy in Sent, in the draft's thread; the draft is removed. Returns
   // the sent message's id. Throws ornic::Error with one of the send codes
-  // (kErrorNoRecipient ... kErrorSmtpTimeout) or kErrorNotFound when `id`
-  // is not a draft; the draft is then left as it was.
+  // (kErrorNoRecipient ... kErrorSmtpTimeout), kErrorNotFound when `id` is
+  // not a draft, kErrorInvalidArgument when its From holds no address, or
+  // kErrorStorage / kErrorConfiguration / kErrorDatabase when the appliance
+  // itself fails; the draft is then left as it was.
   int Send(int id);
   // Deletes drafts for good. False when an id is not a draft (then none is
   // deleted); an empty list is true.
