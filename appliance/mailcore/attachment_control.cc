@@ -30,9 +30,10 @@ int AttachmentControl::AddAttachmentTemp(const AttachmentConfig& config, std::st
   return store::Guard("registering a temporary attachment", [&] {
     store::Transaction transaction(db);
     std::string name = store::SafeAttachmentName(config.name.Get());
-    Statement taken(db,
-                    "SELECT EXISTS (SELECT 1 FROM attachment_temp WHERE content_id = ?1) "
-                    "OR EXISTS (SELECT 1 FROM attachment WHERE content_id = ?1)");
+    Statement taken(
+        db,
+        "SELECT EXISTS (SELECT 1 FROM attachment_temp WHERE content_id = ?1) "
+        "OR EXISTS (SELECT 1 FROM attachment WHERE content_id = ?1 AND content_id <> '')");
     std::string id_text;
     do {
       id_text = RandomString("", kContentIdLength) + kContentIdDomain;

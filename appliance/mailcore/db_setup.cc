@@ -374,6 +374,8 @@ constexpr Migration kMigrations[] = {
      // core to remember.
      "ALTER TABLE message ADD COLUMN draft_type INTEGER NOT NULL DEFAULT 0;"
      "ALTER TABLE attachment ADD COLUMN preview_path TEXT NOT NULL DEFAULT '';"
+     // A new upload's content id is drawn until no attachment has it.
+     "CREATE INDEX attachment_content_id ON attachment(content_id) WHERE content_id <> '';"
      // Uploads for a draft that no draft has taken yet. The core owns the
      // file at path; a draft that takes one copies its content and removes
      // both. content_id: what an HTML body names the upload by ("cid:").
