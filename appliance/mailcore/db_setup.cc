@@ -374,6 +374,10 @@ constexpr Migration kMigrations[] = {
      // core to remember.
      "ALTER TABLE message ADD COLUMN draft_type INTEGER NOT NULL DEFAULT 0;"
      "ALTER TABLE attachment ADD COLUMN preview_path TEXT NOT NULL DEFAULT '';"
+     // copied_from: the attachment of the referred message that a draft's
+     // attachment was copied from (0: none), so that a client that names
+     // the original again keeps the copy rather than getting a second one.
+     "ALTER TABLE attachment ADD COLUMN copied_from INTEGER NOT NULL DEFAULT 0;"
      // A new upload's content id is drawn until no attachment has it.
      "CREATE INDEX attachment_content_id ON attachment(content_id) WHERE content_id <> '';"
      // Uploads for a draft that no draft has taken yet. The core owns the

@@ -135,21 +135,25 @@ void TouchThread(Database& db, int thread_id, int64_t now) {
   touch.Run();
 }
 
-// The attachment rows of message `message_id` as (id, content id, inline).
+// The attachment rows of a message, as far as changing a draft needs them.
 struct AttachmentRef {
   int id = 0;
   std::string content_id;
   bool is_inline = false;
+  int copied_from = 0;
 };
 
 std::vector<AttachmentRef> AttachmentsOf(Database& db, int message_id) {
   std::vector<AttachmentRef> rows;
   if (message_id <= 0) return rows;
   Statement select(db,
-                   "SELECT id, content_id, is_inline FROM attachment WHERE message_id = ?1 "
+                   "SELECT id, content_id, is_inline, copied_from FROM attachment "
+                   "WHERE message_id = ?1 "
                    "ORDER BY id");
   select.Bind(1, message_id);
-  while (select.Step()) rows.push_back({select.Int(0), select.Text(1), select.Int(2) != 0});
+  while (select.Step()) {
+    rows.push_back({select.Int(0), select.Text(1), select.Int(2) != 0, select.Int(3)});
+  }
   return rows;
 }
 
@@ -179,8 +183,8 @@ void CopyAttachment(Database& db, int draft_id, int source) {
   if (stored.Int(0) != 0) {
     Statement copy(db,
                    "INSERT INTO attachment(message_id, name, mimetype, size, content_id, is_inline,"
-                   " content) SELECT ?1, name, mimetype, size, content_id, is_inline, content"
-                   " FROM attachment WHERE id = ?2");
+                   " content, copied_from) SELECT ?1, name, mimetype, size, content_id, is_inline,"
+                   " content, id FROM attachment WHERE id = ?2");
     copy.Bind(1, draft_id).Bind(2, source);
     copy.Run();
     return;
@@ -188,8 +192,8 @@ void CopyAttachment(Database& db, int draft_id, int source) {
   std::string content = AttachmentContent(db, source);
   Statement copy(db,
                  "INSERT INTO attachment(message_id, name, mimetype, size, content_id, is_inline,"
-                 " content) SELECT ?1, name, mimetype, ?3, content_id, is_inline, zeroblob(?3)"
-                 " FROM attachment WHERE id = ?2");
+                 " content, copied_from) SELECT ?1, name, mimetype, ?3, content_id, is_inline,"
+                 " zeroblob(?3), id FROM attachment WHERE id = ?2");
   copy.Bind(1, draft_id).Bind(2, source).Bind(3, static_cast<int64_t>(content.size()));
   copy.Run();
   WriteAttachmentContent(db, db.LastInsertRowid(), content);
@@ -239,12 +243,23 @@ std::vector<std::string> ApplyAttachments(Database& db, int draft_id, int reply_
   std::vector<AttachmentRef> referred = AttachmentsOf(db, reply_to);
   std::set<std::string> own_images;
   if (config.attachment.IsSet()) {
-    std::vector<int> listed = Distinct(config.attachment.Get());
-    for (int id : listed) {
+    std::vector<int> listed;
+    for (int id : config.attachment.Get()) {
       if (FindAttachment(own, id) == nullptr && FindAttachment(referred, id) == nullptr) {
         throw Error(kErrorNotFound);
       }
+      // An original that the draft already holds a copy of names the copy.
+      if (FindAttachment(referred, id) != nullptr) {
+        for (const AttachmentRef& row : own) {
+          if (row.copied_from == id) {
+            id = row.id;
+            break;
+          }
+        }
+      }
+      listed.push_back(id);
     }
+    listed = Distinct(listed);
     for (const AttachmentRef& row : own) {
       bool named = std::find(listed.begin(), listed.end(), row.id) != listed.end();
       if (!named && !row.is_inline) DeleteAttachment(db, row.id);

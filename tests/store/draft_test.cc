@@ -212,6 +212,11 @@ TEST_F(DraftTest, AForwardCopiesTheAttachmentsItKeeps) {
   EXPECT_NE(ThreadOf(id), ThreadOf(r2_));
   EXPECT_EQ(Contents(id), Texts{"data.bin:" + kData});
   EXPECT_NE(messages_.GetMessage(id).attachments[0].id, original.attachments[0].id);
+  // Naming the original again keeps the copy: saving twice does not double it.
+  control::MessageConfig again;
+  again.attachment.Set({original.attachments[0].id});
+  ASSERT_TRUE(messages_.ModifyDraft(id, again));
+  EXPECT_EQ(Contents(id), Texts{"data.bin:" + kData});
   // The copy is the draft's own: deleting the original leaves it.
   ASSERT_TRUE(messages_.SetMailbox({r2_}, kTrash));
   ASSERT_TRUE(messages_.SetMailbox({r2_}, kTrash));
