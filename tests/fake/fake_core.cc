@@ -14,6 +14,7 @@
 #include "platform/zevo/notify.h"
 #include "platform/zevo/session.h"
 #include "platform/zevo/webapi.h"
+#include "tests/fake/fake_platform.h"
 
 namespace larkpost::fake {
 
@@ -22,7 +23,10 @@ Core& core() {
   return instance;
 }
 
-void Reset() { core() = Core(); }
+void Reset() {
+  core() = Core();
+  ResetPlatform();
+}
 
 bool Call(const std::string& op, const std::string& args) {
   const std::string call = args.empty() ? op : op + " " + args;

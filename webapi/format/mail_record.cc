@@ -71,4 +71,13 @@ Json::Value ThreadToJson(const record::Thread& thread) {
   return json;
 }
 
+Json::Value StickerToJson(const record::Sticker& sticker) {
+  Json::Value json(Json::objectValue);
+  json["id"] = sticker.id;
+  json["name"] = sticker.name;
+  json["category"] = sticker.category;
+  json["last_modified"] = Json::Int64(sticker.last_modified);
+  return json;
+}
+
 }  // namespace ornic::larkpost::webapi::format

@@ -37,4 +37,8 @@ Json::Value LabelToJson(const record::Label& label);
 // "label"}.
 Json::Value ThreadToJson(const record::Thread& thread);
 
+// {"id", "name", "category", "last_modified" (64-bit)}; the image's path
+// stays on the server.
+Json::Value StickerToJson(const record::Sticker& sticker);
+
 }  // namespace ornic::larkpost::webapi::format

@@ -55,6 +55,11 @@ std::string GetSubstrAfterLast(const std::string& text, char separator) {
   return last == std::string::npos ? text : text.substr(last + 1);
 }
 
+std::string GetSubstrBeforeLast(const std::string& text, char separator) {
+  size_t last = text.rfind(separator);
+  return last == std::string::npos ? std::string() : text.substr(0, last);
+}
+
 std::string Trim(const std::string& text) {
   static constexpr char kBlanks[] = " \t\r\n\f\v";
   const size_t first = text.find_first_not_of(kBlanks);
