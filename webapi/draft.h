@@ -27,13 +27,20 @@ class DraftAPI : public NormalAPI {
 
  private:
   // Reads the content parameters into `config`; throws ornic::Error(120)
-  // when "from", "to", "cc" or "bcc" is not acceptable.
+  // when "from", "to", "cc" or "bcc" is not acceptable, before anything of
+  // `config` is set. "from" is required and "refer_to" used only when
+  // `is_create`.
   void GetDraftConfig(bool is_create, control::MessageConfig& config);
+  // A new draft from the request's content; its id. Core failures leave as
+  // the core's exceptions.
   int CreateDraft();
-  // Puts the recipients of sent message `message_id` into the address book.
+  // Puts the recipients of sent message `message_id` into the address book;
+  // nothing for a message that does not exist.
   void AddRecipient(int message_id);
   // The listed (not inline) attachments of the message.
   Json::Value GetAttachmentJson(int message_id);
+  // Asks the clients to refresh their mailboxes after a change to a draft.
+  void NotifyDraftChange();
 
   control::MessageControl message_control_;
 };

@@ -177,6 +177,13 @@ int ZEVOLarkpostNotifyMailboxUpdate(uint32_t uid) {
   return Call("ZEVOLarkpostNotifyMailboxUpdate", std::to_string(uid)) ? 0 : -1;
 }
 
+int ZEVOLarkpostNotifyMailboxDelayUpdate(uint32_t uid, int delay) {
+  return Call("ZEVOLarkpostNotifyMailboxDelayUpdate",
+              std::to_string(uid) + " " + std::to_string(delay))
+             ? 0
+             : -1;
+}
+
 ZEVO_CGI_CTX* ZevoCgiInitEx(int timeout, int mode, const char* session_file, const char* extra) {
   if (!Call("ZevoCgiInitEx", std::to_string(timeout) + " " + std::to_string(mode) + " " +
                                  session_file + " '" + extra + "'")) {

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/mailcore/addressbook.h"
 #include "platform/mailcore/record.h"
 
 namespace larkpost::fake {
@@ -24,8 +25,10 @@ struct Core {
   int vex_timeout = 1800;
   std::string app_root;  // PrepareUserLarkpostDir makes folders below it
 
-  // The user's mail. Lookups by id answer in the order of the ids asked for
-  // and leave unknown ids out; lists answer the whole vector as it is.
+  // The user's mail, drafts included. Lookups by id answer in the order of
+  // the ids asked for and leave unknown ids out; lists answer the whole
+  // vector as it is. MessageControl::GetMessage answers the message part of
+  // these records.
   std::map<int, ornic::larkpost::record::Thread> threads;
   std::map<int, ornic::larkpost::record::FullMessage> messages;
   std::map<int, std::string> originals;  // MessageControl::OriginalContent
@@ -33,8 +36,14 @@ struct Core {
   std::vector<ornic::larkpost::record::Label> labels;
   // Every thread that a search matches, in order; Search pages them.
   std::vector<int> search_result;
-  // What MailboxControl::Create and LabelControl::Create return.
+  // What MailboxControl::Create, LabelControl::Create and
+  // MessageControl::CreateDraft return.
   int next_id = 100;
+  // What MessageControl::Send returns: the id of the sent copy.
+  int sent_id = 200;
+  // The address book, one contact per address (compared without regard to
+  // case), as ContactControl::CreateFromLarkpost keeps it.
+  std::vector<ornic::addressbook::Contact> contacts;
 
   // ------------------------------------------------------ failure injection
   // Operation name (as recorded, without arguments) -> how it fails: a code

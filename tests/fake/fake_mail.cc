@@ -1,9 +1,9 @@
-// The recording fake of the core's browsing operations: threads, messages,
-// mailboxes, labels and search, over the test data in fake::Core. Every call
-// is recorded with its arguments in a fixed text form:
+// The recording fake of the core's mail operations: threads, messages and
+// drafts, mailboxes, labels and search, over the test data in fake::Core.
+// Every call is recorded with its arguments in a fixed text form:
 //   id lists "[1,2]"; absent optionals and change-record fields "-";
-//   strings in change records quoted ('Work'), so blanks show; search
-//   conditions "[key:value,key:value:not]".
+//   strings in change records quoted ('Work'), so blanks show, and string
+//   lists as "['a','b']"; search conditions "[key:value,key:value:not]".
 #include <algorithm>
 #include <string>
 #include <vector>
@@ -41,6 +41,27 @@ std::string Field(const ConfigField<int32_t>& field) {
 }
 std::string Field(const ConfigField<bool>& field) {
   return field.IsSet() ? Bool(field.Get()) : "-";
+}
+std::string Field(const ConfigField<std::vector<int>>& field) {
+  return field.IsSet() ? IdList(field.Get()) : "-";
+}
+std::string Field(const ConfigField<std::vector<std::string>>& field) {
+  if (!field.IsSet()) return "-";
+  std::string text = "[";
+  for (const std::string& value : field.Get()) {
+    if (text.size() > 1) text += ",";
+    text += "'" + value + "'";
+  }
+  return text + "]";
+}
+
+// Every field of a draft's change record, in the record's order.
+std::string DraftFields(const MessageConfig& config) {
+  return "from=" + Field(config.from) + " to=" + Field(config.to) + " cc=" + Field(config.cc) +
+         " bcc=" + Field(config.bcc) + " subject=" + Field(config.subject) +
+         " body=" + Field(config.body) + " attachment=" + Field(config.attachment) +
+         " temp_attachment=" + Field(config.temp_attachment) +
+         " refer_to=" + Field(config.refer_to) + " draft_type=" + Field(config.draft_type);
 }
 
 // The records of `data` for `ids`, in the order of `ids`, unknown ids left
@@ -109,6 +130,36 @@ std::string MessageControl::OriginalContent(int id) {
   if (!Call("MessageControl::OriginalContent", std::to_string(id))) return "";
   auto original = core().originals.find(id);
   return original == core().originals.end() ? "" : original->second;
+}
+
+record::Message MessageControl::GetMessage(int id) {
+  if (!Call("MessageControl::GetMessage", std::to_string(id))) return record::Message();
+  auto message = core().messages.find(id);
+  return message == core().messages.end() ? record::Message() : record::Message(message->second);
+}
+
+record::FullMessage MessageControl::GetFullMessage(int id) {
+  if (!Call("MessageControl::GetFullMessage", std::to_string(id))) return record::FullMessage();
+  auto message = core().messages.find(id);
+  return message == core().messages.end() ? record::FullMessage() : message->second;
+}
+
+// The draft operations only record what they were asked: the records that
+// later lookups find are the test's to set up.
+int MessageControl::CreateDraft(const MessageConfig& config) {
+  return Call("MessageControl::CreateDraft", DraftFields(config)) ? core().next_id : 0;
+}
+
+bool MessageControl::ModifyDraft(int id, const MessageConfig& config) {
+  return Call("MessageControl::ModifyDraft", std::to_string(id) + " " + DraftFields(config));
+}
+
+int MessageControl::Send(int id) {
+  return Call("MessageControl::Send", std::to_string(id)) ? core().sent_id : 0;
+}
+
+bool MessageControl::DeleteDraft(const std::vector<int>& ids) {
+  return Call("MessageControl::DeleteDraft", IdList(ids));
 }
 
 bool MessageControl::SetStarByID(const std::vector<int>& ids, int star) {
