@@ -56,6 +56,23 @@ bool FileExists(const std::string& path) {
   return stat(path.c_str(), &info) == 0;
 }
 
+// A host that runs as root tests a user's access to a file in the home under
+// the user's own uid: the home must belong to the user, and the folders
+// above it must let the user pass (not list: 0711 at least).
+void HandOverHome(const std::string& name, int64_t uid) {
+  const std::string home = HomeDir(name);
+  if (chown(home.c_str(), static_cast<uid_t>(uid), static_cast<gid_t>(-1)) != 0) {
+    throw std::runtime_error("cannot hand " + home + " over to uid " + std::to_string(uid));
+  }
+  for (const std::string& folder : {DataRoot(), DataRoot() + "/homes"}) {
+    struct stat info;
+    if (stat(folder.c_str(), &info) != 0 ||
+        ((info.st_mode & 0011) != 0011 && chmod(folder.c_str(), (info.st_mode & 07777) | 0011))) {
+      throw std::runtime_error("cannot make " + folder + " passable for other users");
+    }
+  }
+}
+
 // Opens the store for writing, creating it and its table when missing.
 std::unique_ptr<sqlite::Database> OpenForWrite() {
   if (!MakeDirs(EtcDir())) throw std::runtime_error("cannot create " + EtcDir());
@@ -215,6 +232,7 @@ uint32_t UserStore::Add(const std::string& name, const std::string& password, bo
   // The home is made inside the transaction: when it cannot be, no account
   // is left without one.
   if (!MakeDirs(HomeDir(name))) throw std::runtime_error("cannot create " + HomeDir(name));
+  if (geteuid() == 0) HandOverHome(name, uid);
   transaction.Commit();
   return static_cast<uint32_t>(uid);
 }
