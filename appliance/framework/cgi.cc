@@ -376,7 +376,12 @@ EntryRequest DecodeEntryRequest(const Environment& env, std::istream& body,
 
 std::string BuildAnswer(const Json::Value& envelope, const std::vector<std::string>& headers) {
   const std::string body = ZEVO::WebAPIUtil::ToString(envelope);
-  std::string answer =
+  // A body refused for its size is refused in HTTP terms too: a client or a
+  // proxy that stops sending on 413 need not parse the envelope to know why.
+  const bool too_large = envelope.isObject() && envelope["error"].isObject() &&
+                         envelope["error"]["code"] == kErrorTooLarge;
+  std::string answer = too_large ? "Status: 413 Payload Too Large\r\n" : "";
+  answer +=
       "Content-Type: application/json; charset=utf-8\r\n"
       "X-Content-Type-Options: nosniff\r\n"
       "Cache-Control: no-store\r\n"

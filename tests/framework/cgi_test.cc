@@ -121,6 +121,12 @@ TEST(AnswerTest, HeadersLengthAndBody) {
   // The length counts bytes, not characters, and the text stays UTF-8.
   const std::string utf8 = BuildAnswer(Parse(R"({"data": "✓"})"));
   EXPECT_EQ(utf8.substr(utf8.find("Content-Length")), "Content-Length: 14\r\n\r\n{\"data\":\"✓\"}");
+  // Only a body over the limit changes the HTTP status.
+  EXPECT_EQ(
+      BuildAnswer(ErrorEnvelope(kErrorTooLarge)).rfind("Status: 413 Payload Too Large\r\n", 0), 0u);
+  for (int code : {kErrorBadRequest, kErrorNoSession}) {
+    EXPECT_EQ(BuildAnswer(ErrorEnvelope(code)).find("Status:"), std::string::npos) << code;
+  }
 }
 
 }  // namespace

@@ -157,7 +157,9 @@ TEST_F(HostTest, BrokenSetupsAndRefusedRequests) {
   // A password in the URL is never taken: the login form is the body alone.
   EXPECT_EQ(Body(Run("account=alice&passwd=alice+pw", {}, "", AUTH_CGI)), Error(101));
   WriteConfig(R"({"max_request_size": 100})");
-  EXPECT_EQ(Body(Run(Echo("echo"), {}, "a=" + std::string(200, 'x'))), Error(107));
+  const std::string too_large = Run(Echo("echo"), {}, "a=" + std::string(200, 'x'));
+  EXPECT_EQ(too_large.rfind("Status: 413 Payload Too Large\r\n", 0), 0u) << too_large;
+  EXPECT_EQ(Body(too_large), Error(107));
   // A plug-in without its declaration, one that does not load, a broken
   // configuration.
   EXPECT_EQ(Body(Run(Echo("echo"), {{"LARKPOST_PLUGIN", root_ + "/missing.so"}})), Error(100));
