@@ -64,12 +64,6 @@ bool AreDraftAddresses(const Json::Value& addresses) {
   return true;
 }
 
-// Any list of positive ids, the empty one included: deleting no drafts is
-// the core's to answer (it answers yes).
-bool IsIdListOrEmpty(const Json::Value& ids) {
-  return ids.empty() || apivalidator::JsonIntArrayGreaterZero(ids);
-}
-
 // Given with a value of the right type. A content parameter without a
 // validator that has the wrong type changes nothing rather than clearing its
 // field.
@@ -212,7 +206,7 @@ void DraftAPI::Send_v1() {
 }
 
 void DraftAPI::Delete_v1() {
-  const auto id = request_->GetAndCheckArray("id", kRequired, IsIdListOrEmpty);
+  const auto id = request_->GetAndCheckArray("id", kRequired, apivalidator::JsonIntArrayGreaterZero);
   if (IsResetOrInvalid(id)) {
     response_->SetError(kErrorBadParameter, Json::Value());
     return;

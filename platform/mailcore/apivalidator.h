@@ -15,8 +15,8 @@ ZEVO_PLATFORM_API bool IntGreaterZero(const int& value);
 ZEVO_PLATFORM_API bool IntGreaterEqualZero(const int& value);
 ZEVO_PLATFORM_API bool IntGreaterEqualNegativeOne(const int& value);
 ZEVO_PLATFORM_API bool LLongGreaterZero(const int64_t& value);
-// A non-empty array whose every element is a JSON integer from 1 to
-// 2147483647.
+// An array whose every element is a JSON integer from 1 to 2147483647; the
+// empty array is one (an operation on no ids is the core's to answer).
 ZEVO_PLATFORM_API bool JsonIntArrayGreaterZero(const Json::Value& value);
 ZEVO_PLATFORM_API bool StringNotEmpty(const std::string& value);
 // "#rgb" or "#rrggbb" with hexadecimal digits in any case.

@@ -180,9 +180,10 @@ TEST(ValidatorTest, IdArraysHoldPositiveInt32sOnly) {
     return value;
   };
   EXPECT_TRUE(apivalidator::JsonIntArrayGreaterZero(parse("[2147483647, 1]")));
+  EXPECT_TRUE(apivalidator::JsonIntArrayGreaterZero(parse("[]"))) << "an operation on no ids";
   // 3.0: jsoncpp would call it an integer.
   for (const char* bad :
-       {"[]", "[3.0]", "[2147483648]", "[1, \"2\"]", "[4, 0]", "[-1]", "{\"a\": 1}", "5"}) {
+       {"[3.0]", "[2147483648]", "[1, \"2\"]", "[4, 0]", "[-1]", "{\"a\": 1}", "5"}) {
     EXPECT_FALSE(apivalidator::JsonIntArrayGreaterZero(parse(bad))) << bad;
   }
 }

@@ -61,7 +61,7 @@ TEST_F(LabelTest, RefusedParametersAreLoggedAndChangeNothing) {
       {LabelSet_v1, R"({"id": 3, "background_color": null})"},
       {LabelDelete_v1, R"({"id": null})"},
       {LabelDelete_v1, R"({"id": [0]})"},
-      {LabelGet_v1, R"({"id": []})"},
+      {LabelGet_v1, R"({"id": [2, -1]})"},
       {LabelGet_v1, R"({"id": null})"},
   };
   for (const Case& c : cases) {

@@ -115,7 +115,7 @@ TEST_F(MessageTest, ChangesAnswerByTheCoresVerdict) {
                "set mailbox faild (id: [\n\t3,\n\t4\n]\n, mailbox_id:6)");
 
   ExpectRefused(MessageSetStar_v1, 120,
-                {R"({"id": [3]})", R"({"id": [3], "star": -1})", R"({"id": [], "star": 1})"});
+                {R"({"id": [3]})", R"({"id": [3], "star": -1})", R"({"id": [-4], "star": 1})"});
   ExpectRefused(MessageSetRead_v1, 120, {R"({"read": true})", R"({"id": [0], "read": true})"});
   ExpectRefused(MessageSetMailbox_v1, 120,
                 {R"({"mailbox_id": 6})", R"({"id": [-1], "mailbox_id": 6})"});

@@ -86,7 +86,7 @@ TEST_F(ThreadTest, GetAnswersWhatTheCoreListsAndRefusesBadIdsWith114) {
   EXPECT_THAT(fake::core().calls,
               ElementsAre("Controller 1026 sid-alice", "ThreadControl::List [12,99,10]"));
 
-  ExpectRefused(ThreadGet_v1, 114, {R"({})", R"({"id": []})", R"({"id": [0]})", R"({"id": 12})"});
+  ExpectRefused(ThreadGet_v1, 114, {R"({})", R"({"id": [1.5]})", R"({"id": [0]})", R"({"id": 12})"});
 }
 
 TEST_F(ThreadTest, CheckExistAsksTheCoreWithinMailboxAndLabel) {
@@ -131,7 +131,7 @@ TEST_F(ThreadTest, ChangesAnswerByTheCoresVerdict) {
   ExpectRefused(ThreadDelete_v1, 114, {R"({})", R"({"id": [0]})"});
   ExpectRefused(ThreadAddLabel_v1, 120,
                 {R"({"id": [3]})", R"({"id": [3], "label_id": [0]})", R"({"label_id": [7]})"});
-  ExpectRefused(ThreadRemoveLabel_v1, 120, {R"({"id": [3]})", R"({"id": [], "label_id": [7]})"});
+  ExpectRefused(ThreadRemoveLabel_v1, 120, {R"({"id": [3]})", R"({"id": [3], "label_id": [-7]})"});
   ExpectRefused(
       ThreadSetMailbox_v1, 120,
       {R"({"id": [3]})", R"({"id": [3], "mailbox_id": "5"})", R"({"id": [0], "mailbox_id": 5})"});

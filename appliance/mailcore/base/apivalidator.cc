@@ -13,7 +13,7 @@ bool IntGreaterEqualNegativeOne(const int& value) { return value >= -1; }
 bool LLongGreaterZero(const int64_t& value) { return value > 0; }
 
 bool JsonIntArrayGreaterZero(const Json::Value& value) {
-  if (!value.isArray() || value.empty()) return false;
+  if (!value.isArray()) return false;
   for (const Json::Value& element : value) {
     // jsoncpp calls 3.0 an integer too; an id written with a fraction part
     // is a client bug we would rather see than round away.
