@@ -1,9 +1,14 @@
 // entry.cgi as a real CGI process over a data root of its own, with a test
-// plug-in: what only the host process can show. Routing, sessions, tokens,
+// plug-in: what only the host process can show. Every case runs twice: with
+// entry.cgi starting the full host itself, and with it handing the request
+// to a preloaded host (larkpost-cgi serve) that forks a process for it. Routing, sessions, tokens,
 // login and headers are exercised through the real plug-in elsewhere.
 #include <gtest/gtest.h>
 #include <json/writer.h>  // prints values in failure messages
+#include <signal.h>
 #include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -37,7 +42,7 @@ Json::Value Body(const std::string& answer) {
   return end == std::string::npos ? Json::Value() : Parse(answer.substr(end + 4));
 }
 
-class HostTest : public ::testing::Test {
+class HostTest : public ::testing::TestWithParam<bool> {
  protected:
   void SetUp() override {
     char name[] = "/tmp/larkpost-host-XXXXXX";
@@ -48,12 +53,35 @@ class HostTest : public ::testing::Test {
     user_ = *appliance::UserStore::FindByUid(
         appliance::UserStore::Add("alice", "alice pw", false, "localdomain"));
     session_ = appliance::SessionStore::Create(user_);
+    if (GetParam()) StartPreloadedHost();
   }
 
   void TearDown() override {
+    if (preloaded_ > 0) {
+      kill(preloaded_, SIGTERM);
+      int status = 0;
+      EXPECT_EQ(waitpid(preloaded_, &status, 0), preloaded_);
+      EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+      EXPECT_FALSE(std::filesystem::exists(socket_)) << "the server removes its socket";
+    }
     std::filesystem::remove_all(root_);
     unsetenv("LARKPOST_ROOT");
     appliance::ResetForTesting();
+  }
+
+  // The server sees the plug-in as the web server's environment names it.
+  void StartPreloadedHost() {
+    socket_ = root_ + "/cgi.sock";
+    const std::string host = std::filesystem::path(ENTRY_CGI).replace_filename("larkpost-cgi");
+    preloaded_ = fork();
+    ASSERT_GE(preloaded_, 0);
+    if (preloaded_ == 0) {
+      setenv("LARKPOST_PLUGIN", TEST_PLUGIN, 1);
+      execl(host.c_str(), host.c_str(), "serve", socket_.c_str(), nullptr);
+      _exit(127);
+    }
+    for (int i = 0; i < 500 && !std::filesystem::exists(socket_); ++i) usleep(10000);
+    ASSERT_TRUE(std::filesystem::exists(socket_));
   }
 
   void WriteConfig(const std::string& json) const {
@@ -72,6 +100,7 @@ class HostTest : public ::testing::Test {
                {"QUERY_STRING", query},
                {"CONTENT_TYPE", "application/x-www-form-urlencoded"},
                {"CONTENT_LENGTH", std::to_string(body.size())}};
+    if (preloaded_ > 0) env["LARKPOST_CGI_SOCKET"] = socket_;
     for (const auto& [name, value] : extra) env[name] = value;
     for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"}) {
       if (const char* value = std::getenv(name)) env.emplace(name, value);
@@ -98,9 +127,16 @@ class HostTest : public ::testing::Test {
   std::string root_;
   appliance::UserRecord user_;
   appliance::Session session_;
+  pid_t preloaded_ = 0;
+  std::string socket_;
 };
 
-TEST_F(HostTest, TheHandlerSeesTheRequestAndItsUploadWhileItRuns) {
+INSTANTIATE_TEST_SUITE_P(Host, HostTest, ::testing::Bool(),
+                         [](const ::testing::TestParamInfo<bool>& info) {
+                           return info.param ? "Preloaded" : "Alone";
+                         });
+
+TEST_P(HostTest, TheHandlerSeesTheRequestAndItsUploadWhileItRuns) {
   const std::string body =
       "--xx\r\nContent-Disposition: form-data; name=\"id\"\r\n\r\n7\r\n"
       "--xx\r\nContent-Disposition: form-data; name=\"file\"; filename=\"/home/me/a b.txt\"\r\n"
@@ -111,17 +147,33 @@ TEST_F(HostTest, TheHandlerSeesTheRequestAndItsUploadWhileItRuns) {
                                     body))["data"];
   const std::string stored = data["params"]["file_tmp"].asString();
   Json::Value expected = Parse(R"({"user": "alice", "admin": false, "language": "ger",
+      "program": "entry.cgi",
       "upload": true, "params": {"id": "7", "file": "a b.txt"},
       "file_content": "file\r\ncontent"})");
   expected["uid"] = Json::Int64{user_.uid};
   expected["sid"] = session_.id;
   expected["params"]["file_tmp"] = stored;
+  // Served by a process the preloaded host forked, when there is one.
+  if (preloaded_ > 0) {
+    EXPECT_EQ(data["parent"].asInt(), preloaded_);
+  }
+  expected["parent"] = data["parent"];
   EXPECT_EQ(data, expected);
   EXPECT_EQ(stored.rfind(root_ + "/tmp/upload/", 0), 0u) << stored;
   EXPECT_FALSE(std::filesystem::exists(stored)) << "removed after the request";
 }
 
-TEST_F(HostTest, WhatTheHandlerLeavesBehind) {
+TEST_P(HostTest, ARequestIsServedWhenThePreloadedHostIsGone) {
+  if (preloaded_ == 0) GTEST_SKIP() << "no preloaded host";
+  kill(preloaded_, SIGKILL);
+  ASSERT_EQ(waitpid(preloaded_, nullptr, 0), preloaded_);
+  preloaded_ = 0;
+  ASSERT_TRUE(std::filesystem::exists(socket_)) << "a stale socket, nobody listening";
+  EXPECT_EQ(Body(Run(Echo("echo")))["data"]["user"], "alice");
+  EXPECT_EQ(Body(Run("", {}, "account=alice&passwd=wrong", AUTH_CGI)), Error(400));
+}
+
+TEST_P(HostTest, WhatTheHandlerLeavesBehind) {
   // An escaping exception is a fault: nothing the handler had set is sent.
   EXPECT_EQ(Body(Run(Echo("throw_core"))), Error(100));
   EXPECT_EQ(Body(Run(Echo("throw_std"))), Error(100));
@@ -135,7 +187,7 @@ TEST_F(HostTest, WhatTheHandlerLeavesBehind) {
   EXPECT_EQ(Run(Echo("raw_then_throw")), "Status: 404 Not Found\r\n\r\n");
 }
 
-TEST_F(HostTest, AdministratorAndCustomAuthentication) {
+TEST_P(HostTest, AdministratorAndCustomAuthentication) {
   const std::string admin_api = "api=ZEVO.Test.Admin&version=1&method=echo&_sid=";
   EXPECT_EQ(Body(Run(admin_api + session_.id)), Error(105));
   const appliance::Session root = appliance::SessionStore::Create(*appliance::UserStore::FindByUid(
@@ -153,7 +205,7 @@ TEST_F(HostTest, AdministratorAndCustomAuthentication) {
             user_.uid);
 }
 
-TEST_F(HostTest, BrokenSetupsAndRefusedRequests) {
+TEST_P(HostTest, BrokenSetupsAndRefusedRequests) {
   // A password in the URL is never taken: the login form is the body alone.
   EXPECT_EQ(Body(Run("account=alice&passwd=alice+pw", {}, "", AUTH_CGI)), Error(101));
   WriteConfig(R"({"max_request_size": 100})");

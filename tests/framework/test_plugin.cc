@@ -6,6 +6,8 @@
 #include <iterator>
 #include <stdexcept>
 
+#include <unistd.h>
+
 #include "platform/mailcore/error.h"
 #include "platform/zevo/webapi.h"
 
@@ -23,6 +25,12 @@ void Echo(ZEVO::APIRequest* request, ZEVO::APIResponse* response) {
   data["language"] = request->GetUILanguage();
   data["upload"] = request->IsUploadRequest();
   data["params"] = request->GetParamRef("", Json::Value());
+  // The program the log lines are named after.
+  std::ifstream cmdline("/proc/self/cmdline", std::ios::binary);
+  std::string program;
+  std::getline(cmdline, program, '\0');
+  data["program"] = program.substr(program.rfind('/') + 1);
+  data["parent"] = static_cast<Json::Int>(getppid());
   // An upload's stored file, read while the request is still running.
   const Json::Value& stored = request->GetParamRef("file_tmp", Json::Value());
   if (stored.isString()) {
