@@ -309,20 +309,15 @@ std::string UrlEncode(const std::string& text) {
   return out;
 }
 
-HttpAnswer Http(const std::string& url, const std::map<std::string, std::string>& form, bool post,
-                const std::map<std::string, std::string>& headers) {
-  std::string encoded;
-  for (const auto& [name, value] : form) {
-    if (!encoded.empty()) encoded += '&';
-    encoded += UrlEncode(name) + "=" + UrlEncode(value);
-  }
+namespace {
+
+// Sends what `curl` was set up for, with `headers`, and reads the answer.
+HttpAnswer Perform(CURL* curl, const std::string& url,
+                   const std::map<std::string, std::string>& headers) {
   HttpAnswer answer;
-  CURL* curl = curl_easy_init();
-  std::string target = post || encoded.empty() ? url : url + "?" + encoded;
-  curl_easy_setopt(curl, CURLOPT_URL, target.c_str());
+  curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
   curl_easy_setopt(curl, CURLOPT_NOPROXY, "*");
   curl_easy_setopt(curl, CURLOPT_TIMEOUT, 30L);
-  if (post) curl_easy_setopt(curl, CURLOPT_POSTFIELDS, encoded.c_str());
   curl_slist* header_list = nullptr;
   for (const auto& [name, value] : headers) {
     header_list = curl_slist_append(header_list, (name + ": " + value).c_str());
@@ -339,6 +334,47 @@ HttpAnswer Http(const std::string& url, const std::map<std::string, std::string>
   if (code != CURLE_OK) throw std::runtime_error(curl_easy_strerror(code));
   answer.json = ParseJsonOrNull(answer.body);
   return answer;
+}
+
+}  // namespace
+
+HttpAnswer Http(const std::string& url, const std::map<std::string, std::string>& form, bool post,
+                const std::map<std::string, std::string>& headers) {
+  std::string encoded;
+  for (const auto& [name, value] : form) {
+    if (!encoded.empty()) encoded += '&';
+    encoded += UrlEncode(name) + "=" + UrlEncode(value);
+  }
+  CURL* curl = curl_easy_init();
+  if (post) curl_easy_setopt(curl, CURLOPT_POSTFIELDS, encoded.c_str());
+  return Perform(curl, post || encoded.empty() ? url : url + "?" + encoded, headers);
+}
+
+std::string MultipartBody(const std::map<std::string, std::string>& fields,
+                          const std::vector<UploadFile>& files) {
+  std::string body;
+  for (const auto& [name, value] : fields) {
+    body += "--" + std::string(kBoundary) + "\r\nContent-Disposition: form-data; name=\"" + name +
+            "\"\r\n\r\n" + value + "\r\n";
+  }
+  for (const UploadFile& file : files) {
+    body += "--" + std::string(kBoundary) + "\r\nContent-Disposition: form-data; name=\"" +
+            file.field + "\"; filename=\"" + file.name + "\"\r\nContent-Type: " + file.type +
+            "\r\n\r\n" + file.content + "\r\n";
+  }
+  return body + "--" + kBoundary + "--\r\n";
+}
+
+HttpAnswer HttpUpload(const std::string& url, const std::map<std::string, std::string>& fields,
+                      const std::vector<UploadFile>& files,
+                      const std::map<std::string, std::string>& headers_in) {
+  const std::string body = MultipartBody(fields, files);
+  std::map<std::string, std::string> headers = headers_in;
+  headers["Content-Type"] = std::string("multipart/form-data; boundary=") + kBoundary;
+  CURL* curl = curl_easy_init();
+  curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.data());
+  curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
+  return Perform(curl, url, headers);
 }
 
 }  // namespace larkpost::itest

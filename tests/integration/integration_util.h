@@ -104,6 +104,25 @@ struct HttpAnswer {
 HttpAnswer Http(const std::string& url, const std::map<std::string, std::string>& form, bool post,
                 const std::map<std::string, std::string>& headers = {});
 
+// A file part of a multipart upload: the form field, the file name the
+// client sends, its bytes and their type.
+struct UploadFile {
+  std::string field = "upload";
+  std::string name;
+  std::string content;
+  std::string type = "application/octet-stream";
+};
+
+// The multipart/form-data body of `fields` (as text) and `files`, with a
+// fixed boundary (kBoundary), so that a test knows its size to the byte.
+inline constexpr char kBoundary[] = "larkpost-test-form-boundary";
+std::string MultipartBody(const std::map<std::string, std::string>& fields,
+                          const std::vector<UploadFile>& files);
+// POSTs MultipartBody(fields, files), the way a browser uploads.
+HttpAnswer HttpUpload(const std::string& url, const std::map<std::string, std::string>& fields,
+                      const std::vector<UploadFile>& files,
+                      const std::map<std::string, std::string>& headers = {});
+
 // Percent-encodes a form value.
 std::string UrlEncode(const std::string& text);
 
