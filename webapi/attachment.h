@@ -39,8 +39,20 @@ class AttachmentAPI : public CustomAuthAPI {
                                      bool auto_rotate);
   // A shared-folder path ("/share/dir/file") on disk, readable by the user.
   bool GetFullPath(const std::string& vex_path, std::string& full_path);
+  // A JPEG preview of at most 320x320 of `source` in the user's
+  // ".ORNIC/@image"; its path in `preview_path`.
   bool ConvertThumbnail(const std::string& source, std::string& preview_path);
+  // Streams the attachment's preview, made (and remembered by the core) on
+  // first use; the 404 page when it cannot be made.
   void OutputPreview(const record::Attachment& attachment);
+
+  // What the three uploads end with: copy `source` (turned upright when
+  // `auto_rotate`) and register the copy; answers {"id", "content_id"} or
+  // error 117.
+  void AddTempAttachment(const std::string& source, const std::string& name, bool is_inline,
+                         bool auto_rotate);
+  // PrepareUserLarkpostDir, with "" for a folder that cannot be made.
+  std::string PrepareDir(const std::string& name);
 
   control::AttachmentControl attachment_control_;
 };
