@@ -1,8 +1,27 @@
 #include "appliance/system/sqlite.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <string>
 
 namespace larkpost::appliance::sqlite {
+namespace {
+
+// Whether the database file's header marks it as a write-ahead-log database
+// (file format versions 2 at offsets 18 and 19). SQLite opens such a file in
+// that mode by itself; asking for the mode again would make it parse the
+// whole schema, which a request that only reads the header does not need.
+bool HeaderSaysWal(const std::string& path) {
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  unsigned char versions[2] = {0, 0};
+  const bool read = pread(fd, versions, sizeof(versions), 18) == sizeof(versions);
+  close(fd);
+  return read && versions[0] == 2 && versions[1] == 2;
+}
+
+}  // namespace
 
 Database::Database(const std::string& path, const OpenOptions& options) : path_(path) {
   int flags = SQLITE_OPEN_NOMUTEX;
@@ -24,8 +43,9 @@ Database::Database(const std::string& path, const OpenOptions& options) : path_(
   try {
     // Opening succeeds on any file; the first read tells whether it is a
     // database at all. Switching to write-ahead logging reads the file
-    // header, so it is that read when there is a switch to make.
-    if (options.wal && !options.read_only) {
+    // header, so it is that read when there is a switch to make; otherwise
+    // the schema version is (it reads the header and nothing more).
+    if (options.wal && !options.read_only && !HeaderSaysWal(path)) {
       Statement mode(*this, "PRAGMA journal_mode=WAL");
       if (!mode.Step() || mode.Text(0) != "wal") {
         throw Error(SQLITE_ERROR, path + ": cannot switch to write-ahead logging");
