@@ -29,13 +29,6 @@ namespace fs = std::filesystem;
 
 std::string Fixtures() { return std::string(LARKPOST_SOURCE_DIR) + "/tests/fixtures"; }
 
-std::string ReadFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  std::stringstream text;
-  text << file.rdbuf();
-  return text.str();
-}
-
 // Why `actual` does not match `expected`, or "" when it does.
 std::string Mismatch(const Json::Value& expected, const Json::Value& actual,
                      const std::string& where) {

@@ -13,7 +13,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -39,11 +38,29 @@ void AddSanitizerOptions(std::map<std::string, std::string>& env) {
   env.emplace("PATH", EnvOr("PATH", "/usr/bin:/bin"));
 }
 
-std::vector<char*> CStrings(std::vector<std::string>& texts) {
-  std::vector<char*> pointers;
-  for (std::string& text : texts) pointers.push_back(text.data());
-  pointers.push_back(nullptr);
-  return pointers;
+// Starts `argv` with exactly `env` (plus the sanitizer options of this
+// process) and `in`, `out` and `err` as its standard descriptors (-1: this
+// process's own).
+pid_t Spawn(std::vector<std::string> argv, std::map<std::string, std::string> env, int in, int out,
+            int err) {
+  AddSanitizerOptions(env);
+  std::vector<std::string> env_texts;
+  for (const auto& [name, value] : env) env_texts.push_back(name + "=" + value);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    const int fds[] = {in, out, err};
+    for (int i = 0; i < 3; ++i) {
+      if (fds[i] >= 0) dup2(fds[i], i);
+    }
+    std::vector<char*> c_args, c_env;
+    for (std::string& arg : argv) c_args.push_back(arg.data());
+    for (std::string& text : env_texts) c_env.push_back(text.data());
+    c_args.push_back(nullptr);
+    c_env.push_back(nullptr);
+    execve(c_args[0], c_args.data(), c_env.data());
+    _exit(127);
+  }
+  return pid;
 }
 
 Json::Value ParseJsonOrNull(const std::string& text) {
@@ -112,14 +129,7 @@ std::string BinDir() { return EnvOr("LARKPOST_BIN", "build/bin"); }
 std::string LibDir() { return BinDir() + "/../lib"; }
 
 ProcessResult RunProcess(const std::vector<std::string>& argv,
-                         const std::map<std::string, std::string>& env_in,
-                         const std::string& input) {
-  std::map<std::string, std::string> env = env_in;
-  AddSanitizerOptions(env);
-  std::vector<std::string> args = argv;
-  std::vector<std::string> env_texts;
-  for (const auto& [name, value] : env) env_texts.push_back(name + "=" + value);
-
+                         const std::map<std::string, std::string>& env, const std::string& input) {
   // Files rather than pipes: nothing to interleave, no side can block.
   std::FILE* in = std::tmpfile();
   std::FILE* out = std::tmpfile();
@@ -127,16 +137,7 @@ ProcessResult RunProcess(const std::vector<std::string>& argv,
   std::fwrite(input.data(), 1, input.size(), in);
   std::fflush(in);
   std::rewind(in);
-  pid_t pid = fork();
-  if (pid == 0) {
-    dup2(fileno(in), 0);
-    dup2(fileno(out), 1);
-    dup2(fileno(err), 2);
-    std::vector<char*> c_args = CStrings(args);
-    std::vector<char*> c_env = CStrings(env_texts);
-    execve(c_args[0], c_args.data(), c_env.data());
-    _exit(127);
-  }
+  const pid_t pid = Spawn(argv, env, fileno(in), fileno(out), fileno(err));
   int status = 0;
   waitpid(pid, &status, 0);
   ProcessResult result;
@@ -149,12 +150,7 @@ ProcessResult RunProcess(const std::vector<std::string>& argv,
 
 CgiAnswer ParseCgiAnswer(const std::string& raw) {
   CgiAnswer answer;
-  size_t end = raw.find("\r\n\r\n");
-  size_t separator = 4;
-  if (end == std::string::npos) {
-    end = raw.find("\n\n");
-    separator = 2;
-  }
+  const size_t end = raw.find("\r\n\r\n");
   if (end == std::string::npos) {
     answer.body = raw;
     return answer;
@@ -169,22 +165,23 @@ CgiAnswer ParseCgiAnswer(const std::string& raw) {
     for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     answer.headers[name] = line.substr(line.find_first_not_of(' ', colon + 1));
   }
-  answer.body = raw.substr(end + separator);
+  answer.body = raw.substr(end + 4);
   answer.json = ParseJsonOrNull(answer.body);
   return answer;
 }
 
-DataRoot::DataRoot() {
+DataRoot::DataRoot(const std::string& leaf) {
   char pattern[] = "/tmp/larkpost-it-XXXXXX";
   if (mkdtemp(pattern) == nullptr) throw std::runtime_error("mkdtemp");
-  path_ = pattern;
+  base_ = pattern;
+  path_ = leaf.empty() ? base_ : base_ + "/" + leaf;
   // Failed logins are answered after a delay; a short one keeps tests fast.
   WriteConfig(R"({"login_failure_delay_ms": 50})");
 }
 
 DataRoot::~DataRoot() {
   std::error_code ignored;
-  std::filesystem::remove_all(path_, ignored);
+  std::filesystem::remove_all(base_, ignored);
 }
 
 void DataRoot::WriteConfig(const std::string& json_text) const {
@@ -247,23 +244,11 @@ std::vector<std::string> DataRoot::Lines(const std::string& relative) const {
 }
 
 Server::Server(const DataRoot& root) : port_(FreePort()) {
-  std::vector<std::string> args = {
-      BinDir() + "/larkpostctl",           "--root", root.path(), "serve", "--listen",
-      "127.0.0.1:" + std::to_string(port_)};
-  std::map<std::string, std::string> env;
-  AddSanitizerOptions(env);
-  std::vector<std::string> env_texts;
-  for (const auto& [name, value] : env) env_texts.push_back(name + "=" + value);
-  pid_ = fork();
-  if (pid_ == 0) {
-    int null = open("/dev/null", O_RDWR);
-    dup2(null, 0);
-    dup2(null, 1);
-    std::vector<char*> c_args = CStrings(args);
-    std::vector<char*> c_env = CStrings(env_texts);
-    execve(c_args[0], c_args.data(), c_env.data());
-    _exit(127);
-  }
+  const int null = open("/dev/null", O_RDWR);
+  pid_ = Spawn({BinDir() + "/larkpostctl", "--root", root.path(), "serve", "--listen",
+                "127.0.0.1:" + std::to_string(port_)},
+               {}, null, null, -1);
+  close(null);
   auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
   while (!CanConnect(port_)) {
     int status = 0;
@@ -292,6 +277,13 @@ int Server::Stop() {
 
 std::string Server::url(const std::string& path) const {
   return "http://127.0.0.1:" + std::to_string(port_) + path;
+}
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  std::stringstream text;
+  text << file.rdbuf();
+  return text.str();
 }
 
 std::string UrlEncode(const std::string& text) {

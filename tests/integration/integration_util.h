@@ -49,10 +49,11 @@ struct CgiRequest {
   std::map<std::string, std::string> extra_headers;  // env name -> value
 };
 
-// A data root of its own, removed at the end.
+// A data root of its own, removed at the end; `leaf` names it inside a fresh
+// temporary folder (for a path that needs quoting).
 class DataRoot {
  public:
-  DataRoot();
+  explicit DataRoot(const std::string& leaf = "");
   ~DataRoot();
   DataRoot(const DataRoot&) = delete;
   DataRoot& operator=(const DataRoot&) = delete;
@@ -72,6 +73,7 @@ class DataRoot {
   std::vector<std::string> Lines(const std::string& relative) const;
 
  private:
+  std::string base_;  // what is removed at the end
   std::string path_;
 };
 
@@ -122,6 +124,9 @@ std::string MultipartBody(const std::map<std::string, std::string>& fields,
 HttpAnswer HttpUpload(const std::string& url, const std::map<std::string, std::string>& fields,
                       const std::vector<UploadFile>& files,
                       const std::map<std::string, std::string>& headers = {});
+
+// The bytes of a file ("" when it cannot be read).
+std::string ReadFile(const std::string& path);
 
 // Percent-encodes a form value.
 std::string UrlEncode(const std::string& text);

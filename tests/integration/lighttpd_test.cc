@@ -2,15 +2,24 @@
 // the plug-in, driven the way the web client drives it.
 #include <gtest/gtest.h>
 
+#include <stdexcept>
+
 #include "tests/integration/integration_util.h"
 
 namespace larkpost::itest {
 namespace {
 
 TEST(LighttpdTest, BrowserSessionFromLoginToLogout) {
-  DataRoot root;
+  // A data root whose path needs quoting in the web server's syntax.
+  DataRoot root("data \"root\"");
   root.AddUser("demo", "demo");
   Server server(root);
+
+  HttpAnswer page = Http(server.url("/index.html"), {}, /*post=*/false);
+  EXPECT_EQ(page.status, 200);
+  EXPECT_NE(page.body.find("Larkpost"), std::string::npos);
+  EXPECT_EQ(Http(server.url("/webapi/other.cgi"), {}, false).status, 403);
+  EXPECT_EQ(Http(server.url("/etc/lighttpd.conf"), {}, false).status, 404);
 
   HttpAnswer login = Http(server.url("/webapi/auth.cgi"), {{"account", "demo"}, {"passwd", "demo"}},
                           /*post=*/true);
@@ -44,6 +53,8 @@ TEST(LighttpdTest, BrowserSessionFromLoginToLogout) {
             119);
 
   EXPECT_EQ(server.Stop(), 0) << "Ctrl-C stops the server cleanly";
+  EXPECT_THROW(Http(server.url("/index.html"), {}, false), std::runtime_error)
+      << "nobody listens any more";
 }
 
 }  // namespace

@@ -1,18 +1,12 @@
-#include <arpa/inet.h>
-#include <fcntl.h>
+// larkpostctl through its command line, and the pieces of its web server
+// configuration (serving itself is run end to end with the plug-in).
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <signal.h>
 #include <stdio.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <chrono>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <tuple>
 #include <utility>
 
@@ -22,7 +16,6 @@
 namespace larkpost::tools {
 namespace {
 
-using ::testing::EndsWith;
 using ::testing::HasSubstr;
 
 struct Result {
@@ -31,36 +24,20 @@ struct Result {
   std::string err;
 };
 
-// Runs `command` through the shell, its standard error going to the file
-// `err`. The output is read as it comes, so a chatty program never blocks.
-Result Shell(const std::string& command, const std::string& err = "/dev/null") {
-  FILE* pipe = popen((command + " 2>" + err + " </dev/null").c_str(), "r");
-  Result result;
-  char buffer[4096];
-  for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) result.out.append(buffer, n);
-  int status = pclose(pipe);
-  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return result;
-}
-
-int FreeLoopbackPort() {
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-  socklen_t length = sizeof address;
-  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-  close(fd);
-  return ntohs(address.sin_port);
-}
-
 class LarkpostctlTest : public ::testing::Test {
  protected:
-  // larkpostctl on this test's data root with the arguments `words`.
+  // larkpostctl on this test's data root with the arguments `words`, through
+  // the shell. The output is read as it comes, so a chatty program never
+  // blocks.
   Result Ctl(const std::string& words) {
-    Result result = Shell("'" LARKPOSTCTL_PATH "' --root " + root_.path() + " " + words,
-                          root_.path() + "/stderr");
+    const std::string command = "'" LARKPOSTCTL_PATH "' --root " + root_.path() + " " + words +
+                                " 2>" + root_.path() + "/stderr </dev/null";
+    FILE* pipe = popen(command.c_str(), "r");
+    Result result;
+    char buffer[4096];
+    for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) result.out.append(buffer, n);
+    const int status = pclose(pipe);
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     result.err = root_.Read("stderr");
     return result;
   }
@@ -99,51 +76,6 @@ TEST_F(LarkpostctlTest, MistakesGiveUsageAndStatusOne) {
   Result help = Ctl("--help");
   EXPECT_EQ(help.status, 0);
   EXPECT_THAT(help.out, HasSubstr("usage: larkpostctl"));
-}
-
-TEST_F(LarkpostctlTest, ServeAnswersOnLoopbackAndStopsOnSigint) {
-  // A data root whose path needs quoting in the web server's syntax.
-  std::string data = root_.path() + "/data \"root\"";
-  std::string listen = "127.0.0.1:" + std::to_string(FreeLoopbackPort());
-  std::string log = root_.path() + "/serve.log";
-  pid_t server = fork();
-  if (server == 0) {
-    int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    dup2(fd, 1);
-    dup2(fd, 2);
-    execl(LARKPOSTCTL_PATH, LARKPOSTCTL_PATH, "--root", data.c_str(), "serve", "--listen",
-          listen.c_str(), nullptr);
-    _exit(127);
-  }
-  auto get = [&](const std::string& path) {
-    return Shell("curl -s -w '\\n%{http_code}' --max-time 5 http://" + listen + path);
-  };
-  Result page;
-  for (int attempt = 0; attempt < 100 && (page = get("/index.html")).status != 0; ++attempt) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  }
-  EXPECT_EQ(page.status, 0) << root_.Read("serve.log");
-  EXPECT_THAT(page.out, HasSubstr("Larkpost"));
-  EXPECT_THAT(page.out, EndsWith("\n200"));
-  EXPECT_THAT(get("/webapi/other.cgi").out, EndsWith("\n403"));
-  EXPECT_THAT(get("/etc/lighttpd.conf").out, EndsWith("\n404"));
-  EXPECT_THAT(root_.Read("data \"root\"/etc/lighttpd.conf"),
-              HasSubstr("\"LARKPOST_ROOT\" => \"" + root_.path() + "/data \\\"root\\\"\""));
-
-  ASSERT_EQ(kill(server, SIGINT), 0);
-  int status = 0;
-  pid_t done = 0;
-  for (int attempt = 0; attempt < 100 && (done = waitpid(server, &status, WNOHANG)) == 0;
-       ++attempt) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  }
-  if (done == 0) {
-    kill(server, SIGKILL);
-    waitpid(server, &status, 0);
-  }
-  ASSERT_NE(done, 0) << "the server did not stop on SIGINT";
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << root_.Read("serve.log");
-  EXPECT_NE(get("/index.html").status, 0);  // nobody listens any more
 }
 
 TEST(ListenTest, ParsesHostAndPortAndRefusesTheRest) {
