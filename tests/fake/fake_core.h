@@ -11,7 +11,6 @@
 #include <string>
 #include <vector>
 
-#include "platform/mailcore/addressbook.h"
 #include "platform/mailcore/record.h"
 
 namespace larkpost::fake {
@@ -41,9 +40,6 @@ struct Core {
   int next_id = 100;
   // What MessageControl::Send returns: the id of the sent copy.
   int sent_id = 200;
-  // The address book, one contact per address (compared without regard to
-  // case), as ContactControl::CreateFromLarkpost keeps it.
-  std::vector<ornic::addressbook::Contact> contacts;
 
   // ------------------------------------------------------ failure injection
   // Operation name (as recorded, without arguments) -> how it fails: a code

@@ -1,5 +1,6 @@
 // The core's small pure pieces: mailbox name encoding, address splitting,
-// the records' computed members, filter records, validators.
+// the mailbox path shown, filter actions, validators, JSON and text
+// helpers.
 #include <gtest/gtest.h>
 #include <json/reader.h>
 #include <json/value.h>
@@ -7,8 +8,8 @@
 #include <optional>
 #include <sstream>
 #include <string>
-#include <tuple>
 #include <utility>
+#include <vector>
 
 #include "appliance/mailcore/base/modified_utf7.h"
 #include "platform/mailcore/apivalidator.h"
@@ -18,6 +19,12 @@
 
 namespace ornic::larkpost {
 namespace {
+
+Json::Value Parse(const char* text) {
+  Json::Value value;
+  std::istringstream(text) >> value;
+  return value;
+}
 
 TEST(ModifiedUTF7Test, EncodesAndDecodesBothWays) {
   const struct {
@@ -94,34 +101,6 @@ TEST(MailAddressTest, SplitsNameAndAddress) {
   }
 }
 
-TEST(ThreadRecordTest, StarAndUnreadCountOverAllMessagesDraftsIncluded) {
-  record::Thread thread;
-  EXPECT_EQ(std::make_pair(thread.MaxStar(), thread.UnreadMessageCount()), std::make_pair(0, 0));
-  for (auto [star, read, type] : {std::tuple{2, false, 0}, {5, true, 0}, {0, false, 1}}) {
-    record::Message message;
-    std::tie(message.star, message.read, message.type) = std::tie(star, read, type);
-    thread.messages.push_back(message);
-  }
-  EXPECT_EQ(std::make_pair(thread.MaxStar(), thread.UnreadMessageCount()), std::make_pair(5, 2));
-}
-
-TEST(ConditionSetTest, NamesEachKind) {
-  record::ConditionSet set;
-  for (int key = constant::kConditionMailbox; key <= constant::kConditionLabel; ++key) {
-    set.AddCondition(constant::ConditionKey(key), std::to_string(key), true);
-  }
-  set.AddCondition(constant::ConditionKey(99), "99", false);
-  std::string names;
-  for (const record::Condition& condition : set.conditions) {
-    EXPECT_EQ(condition.value, std::to_string(condition.key));
-    EXPECT_EQ(condition.negate, condition.key != 99);
-    names += condition.name + ",";
-  }
-  EXPECT_EQ(names,
-            "mailbox,from,to,subject,before,after,larger,smaller,unread,keyword,modified_after,"
-            "has_attachment,starred,label,,");
-}
-
 TEST(ActionTest, IsValidWhenTheKindHasWhatItNeeds) {
   const struct {
     constant::ActionKind kind;
@@ -174,25 +153,47 @@ TEST(ValidatorTest, NumbersAndStrings) {
 }
 
 TEST(ValidatorTest, IdArraysHoldPositiveInt32sOnly) {
-  const auto parse = [](const char* text) {
-    Json::Value value;
-    std::istringstream(text) >> value;
-    return value;
-  };
-  EXPECT_TRUE(apivalidator::JsonIntArrayGreaterZero(parse("[2147483647, 1]")));
-  EXPECT_TRUE(apivalidator::JsonIntArrayGreaterZero(parse("[]"))) << "an operation on no ids";
+  EXPECT_TRUE(apivalidator::JsonIntArrayGreaterZero(Parse("[2147483647, 1]")));
+  EXPECT_TRUE(apivalidator::JsonIntArrayGreaterZero(Parse("[]"))) << "an operation on no ids";
   // 3.0: jsoncpp would call it an integer.
   for (const char* bad :
        {"[3.0]", "[2147483648]", "[1, \"2\"]", "[4, 0]", "[-1]", "{\"a\": 1}", "5"}) {
-    EXPECT_FALSE(apivalidator::JsonIntArrayGreaterZero(parse(bad))) << bad;
+    EXPECT_FALSE(apivalidator::JsonIntArrayGreaterZero(Parse(bad))) << bad;
   }
 }
 
-TEST(TrimTest, TakesBlanksOffBothEnds) {
+TEST(JsonArrayTest, OnlyElementsOfTheAskedTypeAndAlwaysAnArrayBack) {
+  const struct {
+    const char* json;
+    std::vector<int> ints;
+    std::vector<std::string> strings;
+  } cases[] = {
+      {R"([1, "2", 3.0, 4.5, true, null, [5], {"a": 6}, -7])", {1, -7}, {"2"}},
+      {"[2147483647, 2147483648, -2147483648, -2147483649]", {2147483647, -2147483648}, {}},
+      {R"(["a", "", "b"])", {}, {"a", "", "b"}},
+      {R"({"a": 1})", {}, {}},
+      {"null", {}, {}},
+  };
+  for (const auto& c : cases) {
+    const Json::Value value = Parse(c.json);
+    EXPECT_EQ(util::JsonArrayToVector<int>(value), c.ints) << c.json;
+    EXPECT_EQ(util::JsonArrayToVector<std::string>(value), c.strings) << c.json;
+  }
+  EXPECT_EQ(util::VectorToJsonArray<int>({}), Parse("[]"));
+  EXPECT_EQ(util::VectorToJsonArray<int>({3, -1}), Parse("[3, -1]"));
+  EXPECT_EQ(util::VectorToJsonArray<std::string>({"x", ""}), Parse(R"(["x", ""])"));
+}
+
+TEST(TextTest, TrimAndTheTextAfterTheLastSeparator) {
   for (const auto& [text, want] :
        {std::pair{"  a b  ", "a b"}, std::pair{"\t\r\n\f\va\v", "a"}, std::pair{"   ", ""},
         std::pair{"", ""}, std::pair{"x", "x"}, std::pair{"\xC2\xA0x", "\xC2\xA0x"}}) {
     EXPECT_EQ(util::Trim(text), want) << text;
+  }
+  for (const auto& [text, want] :
+       {std::pair{"/usr/bin/webapi-worker", "webapi-worker"}, std::pair{"plain", "plain"},
+        std::pair{"ends/", ""}, std::pair{"", ""}}) {
+    EXPECT_EQ(util::GetSubstrAfterLast(text, '/'), want) << text;
   }
 }
 

@@ -112,6 +112,8 @@ TEST(MailRecordJsonTest, ThreadSplitsMessagesFromDraftsAndSumsUp) {
   for (const char* key : {"message", "draft", "label"}) {
     EXPECT_EQ(json[key], Json::Value(Json::arrayValue)) << key;
   }
+  EXPECT_EQ(json["star"], 0);
+  EXPECT_EQ(json["unread"], 0);
 }
 
 // -------------------------------------------------------------- full message
