@@ -11,6 +11,7 @@
 #include <string>
 
 #include "appliance/mailcore/controller_impl.h"
+#include "appliance/mailcore/store_schema.h"
 #include "platform/mailcore/constant.h"
 #include "platform/mailcore/zevo_user.h"
 
@@ -430,6 +431,27 @@ constexpr Migration kMigrations[] = {
      " is_default INTEGER NOT NULL DEFAULT 0);"
      "CREATE INDEX smtp_account_mail ON smtp_account(mail COLLATE NOCASE);"
      "CREATE INDEX smtp_account_default ON smtp_account(is_default) WHERE is_default <> 0;"},
+    {4,
+     // Attachments without copies of the whole message. An attachment of
+     // stored mail knows where its content lies in message_source.raw,
+     // still encoded (content_offset, content_length bytes, in
+     // content_encoding: "base64", "quoted-printable", "7bit", "8bit",
+     // "binary"), so that it is decoded straight from the stored source
+     // without parsing the message again; content_offset is NULL for parts
+     // stored before, found again by part_path.
+     "ALTER TABLE attachment ADD COLUMN content_offset INTEGER;"
+     "ALTER TABLE attachment ADD COLUMN content_length INTEGER NOT NULL DEFAULT 0;"
+     "ALTER TABLE attachment ADD COLUMN content_encoding TEXT NOT NULL DEFAULT '';"
+     // The contents a draft keeps move to a table of their own where the
+     // blob is the last column of its row: only there does SQLite keep a
+     // zeroblob as a length, written into afterwards a piece at a time,
+     // instead of a buffer of zeros as large as the content.
+     "CREATE TABLE attachment_content("
+     " attachment_id INTEGER PRIMARY KEY REFERENCES attachment(id) ON DELETE CASCADE,"
+     " content BLOB NOT NULL);"
+     "INSERT INTO attachment_content(attachment_id, content)"
+     " SELECT id, content FROM attachment WHERE content IS NOT NULL;"
+     "ALTER TABLE attachment DROP COLUMN content;"},
 };
 
 // The triggers of migration 2 name the built-in mailboxes by number.
@@ -442,7 +464,36 @@ constexpr int kNewestVersion = kMigrations[sizeof kMigrations / sizeof kMigratio
 
 void Log(int line, const std::string& text) { store::LogError("db_setup", line, text); }
 
+bool TooNew(const std::string& path, int64_t version) {
+  Log(__LINE__, path + " has schema " + std::to_string(version) + ", newer than this program's " +
+                    std::to_string(kNewestVersion));
+  return false;
+}
+
 }  // namespace
+}  // namespace ornic::larkpost::db
+
+namespace ornic::larkpost::store {
+
+bool MigrateSchema(Database& db, int version) {
+  for (const db::Migration& migration : db::kMigrations) {
+    if (version > 0 && migration.version > version) break;
+    Transaction transaction(db);
+    // Read again inside the transaction: another process may have run
+    // this step while we waited for the lock.
+    int64_t current = db.QueryInt("PRAGMA user_version");
+    if (current > db::kNewestVersion) return db::TooNew(db.path(), current);
+    if (current >= migration.version) continue;
+    db.Exec(migration.sql);
+    db.Exec("PRAGMA user_version = " + std::to_string(migration.version));
+    transaction.Commit();
+  }
+  return true;
+}
+
+}  // namespace ornic::larkpost::store
+
+namespace ornic::larkpost::db {
 
 DBSetupHandler::DBSetupHandler(uint32_t uid) : uid_(uid) {}
 
@@ -466,27 +517,11 @@ bool DBSetupHandler::SetupDB() const {
       return false;
     }
     std::shared_ptr<store::Database> db = store::Connection(uid_, true);
-    auto too_new = [&](int64_t version) {
-      Log(__LINE__, store::StorePath(uid_) + " has schema " + std::to_string(version) +
-                        ", newer than this program's " + std::to_string(kNewestVersion));
-      return false;
-    };
     // The store of nearly every request is up to date: one read, no lock.
     int64_t version = db->QueryInt("PRAGMA user_version");
     if (version == kNewestVersion) return true;
-    if (version > kNewestVersion) return too_new(version);
-    for (const Migration& migration : kMigrations) {
-      store::Transaction transaction(*db);
-      // Read again inside the transaction: another process may have run
-      // this step while we waited for the lock.
-      int64_t current = db->QueryInt("PRAGMA user_version");
-      if (current > kNewestVersion) return too_new(current);
-      if (current >= migration.version) continue;
-      db->Exec(migration.sql);
-      db->Exec("PRAGMA user_version = " + std::to_string(migration.version));
-      transaction.Commit();
-    }
-    return true;
+    if (version > kNewestVersion) return TooNew(db->path(), version);
+    return store::MigrateSchema(*db);
   } catch (const std::exception& e) {
     Log(__LINE__, "setting up the store of user " + std::to_string(uid_) + " failed: " + e.what());
     return false;

@@ -175,28 +175,22 @@ void DeleteAttachment(Database& db, int id) {
 }
 
 // Copies attachment `source` (of any message) to draft `draft_id`, content
-// included.
+// included; its size is that of the content copied.
 void CopyAttachment(Database& db, int draft_id, int source) {
-  Statement stored(db, "SELECT content IS NOT NULL FROM attachment WHERE id = ?1");
-  stored.Bind(1, source);
-  if (!stored.Step()) throw Error(kErrorNotFound);
-  if (stored.Int(0) != 0) {
-    Statement copy(db,
-                   "INSERT INTO attachment(message_id, name, mimetype, size, content_id, is_inline,"
-                   " content, copied_from) SELECT ?1, name, mimetype, size, content_id, is_inline,"
-                   " content, id FROM attachment WHERE id = ?2");
-    copy.Bind(1, draft_id).Bind(2, source);
-    copy.Run();
-    return;
-  }
-  std::string content = AttachmentContent(db, source);
   Statement copy(db,
                  "INSERT INTO attachment(message_id, name, mimetype, size, content_id, is_inline,"
-                 " content, copied_from) SELECT ?1, name, mimetype, ?3, content_id, is_inline,"
-                 " zeroblob(?3), id FROM attachment WHERE id = ?2");
-  copy.Bind(1, draft_id).Bind(2, source).Bind(3, static_cast<int64_t>(content.size()));
+                 " copied_from) SELECT ?1, name, mimetype, size, content_id, is_inline, id"
+                 " FROM attachment WHERE id = ?2");
+  copy.Bind(1, draft_id).Bind(2, source);
   copy.Run();
-  WriteAttachmentContent(db, db.LastInsertRowid(), content);
+  if (db.Changes() == 0) throw Error(kErrorNotFound);
+  const int64_t id = db.LastInsertRowid();
+  CopyAttachmentContent(db, source, id);
+  Statement size(db,
+                 "UPDATE attachment SET size = (SELECT length(content) FROM attachment_content"
+                 " WHERE attachment_id = ?1) WHERE id = ?1");
+  size.Bind(1, id);
+  size.Run();
 }
 
 // Takes temporary attachment `temp_id` over as an attachment of draft
@@ -219,11 +213,11 @@ std::string TakeTemp(Database& db, int draft_id, int temp_id) {
   int64_t size = static_cast<int64_t>(info.st_size);
   Statement insert(db,
                    "INSERT INTO attachment(message_id, name, mimetype, size, content_id, "
-                   "is_inline, content) VALUES (?1, ?2, ?3, ?4, ?5, ?6, zeroblob(?4))");
+                   "is_inline) VALUES (?1, ?2, ?3, ?4, ?5, ?6)");
   insert.Bind(1, draft_id).Bind(2, SafeAttachmentName(temp.Text(1))).Bind(3, temp.Text(2));
   insert.Bind(4, size).Bind(5, temp.Text(3)).Bind(6, temp.Int(4) != 0);
   insert.Run();
-  if (!WriteAttachmentFile(db, db.LastInsertRowid(), path, size)) {
+  if (!StoreAttachmentFile(db, db.LastInsertRowid(), path, size)) {
     LogError("draft", __LINE__, "cannot read temporary attachment " + path);
     throw Error(kErrorStorage);
   }
@@ -383,16 +377,34 @@ bool LoadDraft(control::Controller& controller, int id, Draft* draft) {
   });
 }
 
+namespace {
+
+void CheckDraftOwns(Database& db, int draft_id, int attachment_id) {
+  Statement owner(db,
+                  "SELECT 1 FROM attachment a JOIN message m ON m.id = a.message_id "
+                  "WHERE a.id = ?1 AND m.id = ?2 AND m.type = 1");
+  owner.Bind(1, attachment_id).Bind(2, draft_id);
+  if (!owner.Step()) throw Error(kErrorNotFound);
+}
+
+}  // namespace
+
 std::string ReadDraftAttachment(control::Controller& controller, int draft_id, int attachment_id) {
   Database& db = controller.impl().db();
   return Guard("reading an attachment of draft " + std::to_string(draft_id), [&] {
     ReadTransaction read(db);
-    Statement owner(db,
-                    "SELECT 1 FROM attachment a JOIN message m ON m.id = a.message_id "
-                    "WHERE a.id = ?1 AND m.id = ?2 AND m.type = 1");
-    owner.Bind(1, attachment_id).Bind(2, draft_id);
-    if (!owner.Step()) throw Error(kErrorNotFound);
+    CheckDraftOwns(db, draft_id, attachment_id);
     return AttachmentContent(db, attachment_id);
+  });
+}
+
+void WriteDraftAttachment(control::Controller& controller, int draft_id, int attachment_id,
+                          int fd) {
+  Database& db = controller.impl().db();
+  Guard("writing out an attachment of draft " + std::to_string(draft_id), [&] {
+    ReadTransaction read(db);
+    CheckDraftOwns(db, draft_id, attachment_id);
+    WriteAttachmentContent(db, attachment_id, fd);
   });
 }
 
@@ -411,7 +423,7 @@ int StoreSentCopy(control::Controller& controller, int draft_id, const NewMessag
     const std::string& text = plain_is_text ? sent.plain_body : search_text;
     bool has_attachment = std::any_of(sent.attachments.begin(), sent.attachments.end(),
                                       [](const NewAttachment& a) { return !a.is_inline; });
-    int64_t size = static_cast<int64_t>(sent.raw.size());
+    int64_t size = SourceSize(sent);
 
     Statement message(db,
                       "INSERT INTO message(mailbox_id, thread_id, type, is_read, star, size, "
@@ -439,16 +451,16 @@ int StoreSentCopy(control::Controller& controller, int draft_id, const NewMessag
       body.Bind(4, search_text);
     }
     body.Run();
-    Statement source(db, "INSERT INTO message_source(message_id, raw) VALUES (?1, ?2)");
-    source.Bind(1, id).BindBlob(2, sent.raw.data(), sent.raw.size());
-    source.Run();
+    StoreSource(db, id, sent);
     Statement attachment(db,
                          "INSERT INTO attachment(message_id, name, mimetype, size, content_id, "
-                         "is_inline, part_path) VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7)");
+                         "is_inline, part_path, content_offset, content_length, content_encoding) "
+                         "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10)");
     for (const NewAttachment& part : sent.attachments) {
       attachment.Bind(1, id).Bind(2, SafeAttachmentName(part.name)).Bind(3, part.mimetype);
       attachment.Bind(4, part.size).Bind(5, part.content_id).Bind(6, part.is_inline);
       attachment.Bind(7, part.part_path);
+      BindContentRange(attachment, 8, part);
       attachment.Run();
       attachment.Reset();
     }

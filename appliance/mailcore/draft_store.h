@@ -47,10 +47,16 @@ bool LoadDraft(control::Controller& controller, int id, Draft* draft);
 // attachment, ornic::Error(kErrorDatabase) when the store fails.
 std::string ReadDraftAttachment(control::Controller& controller, int draft_id, int attachment_id);
 
+// The same content written to `fd` from its current offset, a piece at a
+// time. Throws as ReadDraftAttachment does, and ornic::Error(kErrorStorage)
+// when `fd` cannot be written.
+void WriteDraftAttachment(control::Controller& controller, int draft_id, int attachment_id, int fd);
+
 // In one transaction: stores `sent` in Sent, read, in the thread of draft
 // `draft_id` (its mailbox_id, type and read flag are not looked at), and
 // deletes the draft. `sent` is what went out, parsed from the exact bytes
-// sent, raw included, so that the copy shows what the recipients got.
+// sent, its source included (raw, or the file raw_fd from which it is
+// copied a piece at a time), so that the copy shows what the recipients got.
 // Returns the id of the copy. Throws ornic::Error(kErrorNotFound) when
 // `draft_id` is no longer a draft (nothing is stored then),
 // ornic::Error(kErrorDatabase) when the store fails.

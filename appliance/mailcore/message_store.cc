@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "appliance/mailcore/attachment_content.h"
 #include "appliance/mailcore/controller_impl.h"
 #include "appliance/mailcore/mime/html_text.h"
 #include "appliance/mailcore/store_records.h"
@@ -55,10 +56,10 @@ class Inserter {
         body_(db,
               "INSERT INTO message_body(message_id, plain, html, search_text) "
               "VALUES (?1, ?2, ?3, ?4)"),
-        source_(db, "INSERT INTO message_source(message_id, raw) VALUES (?1, ?2)"),
         attachment_(db,
                     "INSERT INTO attachment(message_id, name, mimetype, size, content_id, "
-                    "is_inline, part_path) VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7)"),
+                    "is_inline, part_path, content_offset, content_length, content_encoding) "
+                    "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10)"),
         reference_(db, "INSERT OR IGNORE INTO message_reference(ref, message_id) VALUES (?1, ?2)"),
         index_(db, "UPDATE message SET indexed = 1 WHERE id = ?1") {}
 
@@ -85,11 +86,12 @@ class Inserter {
     const std::string& text = plain_is_text ? message.plain_body : search_text;
 
     bool has_attachment = false;
-    int64_t size = static_cast<int64_t>(message.raw.size());
-    if (message.raw.empty()) size = message.plain_body.size() + message.html_body.size();
+    const bool has_source = SourceSize(message) > 0;
+    int64_t size = SourceSize(message);
+    if (!has_source) size = message.plain_body.size() + message.html_body.size();
     for (const NewAttachment& attachment : message.attachments) {
       has_attachment = has_attachment || !attachment.is_inline;
-      if (message.raw.empty()) size += attachment.size;
+      if (!has_source) size += attachment.size;
     }
 
     message_.Bind(1, message.mailbox_id).Bind(2, thread_id).Bind(3, message.type);
@@ -113,15 +115,12 @@ class Inserter {
     }
     body_.Run();
     body_.Reset();
-    if (!message.raw.empty()) {
-      source_.Bind(1, id).BindBlob(2, message.raw.data(), message.raw.size());
-      source_.Run();
-      source_.Reset();
-    }
+    if (has_source) StoreSource(db_, id, message);
     for (const NewAttachment& attachment : message.attachments) {
       attachment_.Bind(1, id).Bind(2, attachment.name).Bind(3, attachment.mimetype);
       attachment_.Bind(4, attachment.size).Bind(5, attachment.content_id);
       attachment_.Bind(6, attachment.is_inline).Bind(7, attachment.part_path);
+      BindContentRange(attachment_, 8, attachment);
       attachment_.Run();
       attachment_.Reset();
     }
@@ -214,7 +213,6 @@ class Inserter {
   Statement merge_messages_;
   Statement message_;
   Statement body_;
-  Statement source_;
   Statement attachment_;
   Statement reference_;
   Statement index_;

@@ -21,6 +21,14 @@ struct NewAttachment {
   // "1.3"), as GMime's part iterator numbers them ("0" for the one part of
   // a message that is not multipart).
   std::string part_path;
+  // Where the content lies in the source, still encoded: `content_length`
+  // bytes from `content_offset`, in `content_encoding` ("base64",
+  // "quoted-printable", "7bit", "8bit" or "binary"), so that it is decoded
+  // straight from the stored source. content_offset < 0: not known (the
+  // part is found by part_path and decoded by the MIME library).
+  int64_t content_offset = -1;
+  int64_t content_length = 0;
+  std::string content_encoding;
 };
 
 struct NewMessage {
@@ -28,8 +36,8 @@ struct NewMessage {
   int type = 0;        // 1: a draft
   bool read = false;
   int star = 0;
-  int64_t arrival_time = 0;  // Unix seconds
-  std::string from;          // decoded header text, "Ann <ann@example.org>"
+  int64_t arrival_time = 0;              // Unix seconds
+  std::string from;                      // decoded header text, "Ann <ann@example.org>"
   std::vector<std::string> to, cc, bcc;  // one address text each, decoded
   std::string subject;                   // decoded
   std::string rfc_message_id;            // without angle brackets
@@ -40,6 +48,11 @@ struct NewMessage {
   std::string body_preview;              // the first 200 characters of the text
   std::vector<NewAttachment> attachments;
   std::string raw;  // the source as received, byte for byte
+  // A source too large to hold in memory: when raw_fd >= 0 (and raw is
+  // empty) the source is the first raw_size bytes of the open file
+  // raw_fd, which the store reads a piece at a time.
+  int raw_fd = -1;
+  int64_t raw_size = 0;
 };
 
 // Stores the message in its mailbox and thread (by Message-ID, In-Reply-To

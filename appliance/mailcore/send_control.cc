@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <exception>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -144,6 +145,9 @@ int MessageControl::Send(int id) {
   auto* send_draft = store::LazyFunction<send::SendEntry>(send::kLibraryName, send::kEntryName);
   send::SendOutcome outcome;
   send_draft(&job, &outcome);
+  std::unique_ptr<int, void (*)(int*)> source_file(&outcome.sent.raw_fd, [](int* fd) {
+    if (*fd >= 0) close(*fd);
+  });
   if (outcome.error != 0) throw Error(outcome.error);
   try {
     return store::StoreSentCopy(controller_, id, outcome.sent);

@@ -1,4 +1,6 @@
 #include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <sstream>
@@ -29,8 +31,51 @@ std::string Fixture(const std::string& name) {
 
 using Strings = std::vector<std::string>;
 
+store::NewAttachment Part(std::string name, std::string mimetype, std::string content_id,
+                          bool is_inline, int64_t size, std::string part_path) {
+  store::NewAttachment part;
+  part.name = std::move(name);
+  part.mimetype = std::move(mimetype);
+  part.content_id = std::move(content_id);
+  part.is_inline = is_inline;
+  part.size = size;
+  part.part_path = std::move(part_path);
+  return part;
+}
+
 auto Fields(const store::NewAttachment& a) {
   return std::tie(a.name, a.mimetype, a.content_id, a.is_inline, a.size, a.part_path);
+}
+
+// `raw` parsed from a file rather than from memory.
+store::NewMessage ParseFromFile(const std::string& raw) {
+  char path[] = "/tmp/larkpost-parse-XXXXXX";
+  int fd = mkstemp(path);
+  EXPECT_GE(fd, 0);
+  unlink(path);
+  EXPECT_EQ(write(fd, raw.data(), raw.size()), static_cast<ssize_t>(raw.size()));
+  store::NewMessage message = ParseMessageFile(fd, static_cast<int64_t>(raw.size()), kNoDate);
+  EXPECT_EQ(message.raw_fd, fd);
+  EXPECT_EQ(message.raw_size, static_cast<int64_t>(raw.size()));
+  EXPECT_EQ(message.raw, "");
+  close(fd);
+  return message;
+}
+
+// Everything a parse yields but the source itself.
+std::string Summary(const store::NewMessage& m) {
+  std::string text = m.subject + "|" + m.from + "|" + ::testing::PrintToString(m.to) + "|" +
+                     ::testing::PrintToString(m.cc) + "|" + m.rfc_message_id + "|" + m.in_reply_to +
+                     "|" + ::testing::PrintToString(m.references) + "|" +
+                     std::to_string(m.arrival_time) + "|" + m.plain_body + "|" + m.html_body + "|" +
+                     m.body_preview;
+  for (const store::NewAttachment& a : m.attachments) {
+    text += "\n" + a.name + "|" + a.mimetype + "|" + a.content_id + "|" +
+            std::to_string(a.is_inline) + "|" + std::to_string(a.size) + "|" + a.part_path + "|" +
+            std::to_string(a.content_offset) + "|" + std::to_string(a.content_length) + "|" +
+            a.content_encoding;
+  }
+  return text;
 }
 
 // The corpus: what a reader of each message must see.
@@ -82,27 +127,28 @@ const Case kCorpus[] = {
 
 // The corpus's attachments, in order; a message not named has none.
 const std::pair<const char*, store::NewAttachment> kCorpusAttachments[] = {
-    {"rfc2231_names.eml", {"Prüfbericht 2024.pdf", "application/pdf", "", false, 77, "2"}},
-    {"rfc2231_names.eml", {"Résumé final.txt", "text/plain", "", false, 5, "3"}},
-    {"rfc2231_names.eml", {"photo 1.jpg", "image/jpeg", "", false, 22, "4"}},
-    {"rfc2231_names.eml", {"attachment.bin", "application/octet-stream", "", false, 10, "5"}},
+    {"rfc2231_names.eml", Part("Prüfbericht 2024.pdf", "application/pdf", "", false, 77, "2")},
+    {"rfc2231_names.eml", Part("Résumé final.txt", "text/plain", "", false, 5, "3")},
+    {"rfc2231_names.eml", Part("photo 1.jpg", "image/jpeg", "", false, 22, "4")},
+    {"rfc2231_names.eml", Part("attachment.bin", "application/octet-stream", "", false, 10, "5")},
     // Inline: in multipart/related (not its root), or disposition inline
     // with a Content-ID; an inline image without one is listed.
-    {"related_inline.eml", {"logo.png", "image/png", "logo@example.com", true, 66, "1.2.2"}},
-    {"related_inline.eml", {"report.pdf", "application/pdf", "", false, 77, "2"}},
-    {"related_inline.eml", {"badge.png", "image/png", "badge@example.com", true, 66, "3"}},
-    {"related_inline.eml", {"photo.png", "image/png", "", false, 66, "4"}},
-    {"hostile_names.eml", {"passwd", "text/plain", "", false, 10, "2"}},
-    {"hostile_names.eml", {"evil.bat", "application/x-msdownload", "", false, 9, "3"}},
-    {"hostile_names.eml", {"invoice.pdf.exe", "application/pdf", "", false, 2, "4"}},  // %00
-    {"hostile_names.eml", {"attachment.bin", "application/octet-stream", "", false, 4, "5"}},  // ..
-    {"hostile_names.eml", {"attachment.png", "image/png", "", false, 66, "6"}},       // "/"
-    {"hostile_names.eml", {"invoicefdp.exe", "application/pdf", "", false, 2, "7"}},  // U+202E
-    {"hostile_names.eml", {"nulbyte.txt", "text/plain", "", false, 3, "8"}},          // a NUL byte
+    {"related_inline.eml", Part("logo.png", "image/png", "logo@example.com", true, 66, "1.2.2")},
+    {"related_inline.eml", Part("report.pdf", "application/pdf", "", false, 77, "2")},
+    {"related_inline.eml", Part("badge.png", "image/png", "badge@example.com", true, 66, "3")},
+    {"related_inline.eml", Part("photo.png", "image/png", "", false, 66, "4")},
+    {"hostile_names.eml", Part("passwd", "text/plain", "", false, 10, "2")},
+    {"hostile_names.eml", Part("evil.bat", "application/x-msdownload", "", false, 9, "3")},
+    {"hostile_names.eml", Part("invoice.pdf.exe", "application/pdf", "", false, 2, "4")},  // %00
+    {"hostile_names.eml",
+     Part("attachment.bin", "application/octet-stream", "", false, 4, "5")},              // ..
+    {"hostile_names.eml", Part("attachment.png", "image/png", "", false, 66, "6")},       // "/"
+    {"hostile_names.eml", Part("invoicefdp.exe", "application/pdf", "", false, 2, "7")},  // U+202E
+    {"hostile_names.eml", Part("nulbyte.txt", "text/plain", "", false, 3, "8")},  // a NUL byte
     // The attached message is one attachment, named by its subject; its
     // own parts are not the outer message's.
-    {"forwarded.eml", {"Budget 2024.eml", "message/rfc822", "", false, 414, "2"}},
-    {"broken_mime.eml", {"data.bin", "application/octet-stream", "", false, 12, "2"}},
+    {"forwarded.eml", Part("Budget 2024.eml", "message/rfc822", "", false, 414, "2")},
+    {"broken_mime.eml", Part("data.bin", "application/octet-stream", "", false, 12, "2")},
 };
 
 TEST(MimeParserTest, CorpusMessagesReadAsTheirReadersSeeThem) {
@@ -133,8 +179,11 @@ TEST(MimeParserTest, CorpusMessagesReadAsTheirReadersSeeThem) {
       std::optional<std::string> content = ExtractPart(raw, got.part_path);
       ASSERT_TRUE(content.has_value());
       EXPECT_EQ(static_cast<int64_t>(content->size()), got.size);
+      EXPECT_GE(got.content_offset, 0) << got.name;
     }
     EXPECT_EQ(message.attachments.size(), k);
+    // Read from a file a window at a time, the message is the same.
+    EXPECT_EQ(Summary(ParseFromFile(raw)), Summary(message));
   }
 }
 
@@ -184,6 +233,120 @@ TEST(MimeParserTest, TheBodyAndThePartsOfAMessageCanBeExtractedAgain) {
   ASSERT_EQ(message.attachments.size(), 1u);
   EXPECT_EQ(message.attachments[0].name, "scan.pdf");
   EXPECT_EQ(ExtractPart(single, message.attachments[0].part_path), "%PDF-");
+}
+
+TEST(MimeParserTest, ContentRangesOfNestedPartsAndAttachedMessages) {
+  for (const std::string nl : {"\n", "\r\n"}) {
+    SCOPED_TRACE(nl == "\n" ? "LF" : "CRLF");
+    auto lines = [&](std::initializer_list<std::string> all) {
+      std::string text;
+      for (const std::string& line : all) text += line + nl;
+      return text;
+    };
+    // Inner boundaries that start with the outer one do not end it.
+    const std::string first =
+        lines({"Subject: first", "Content-Type: multipart/mixed; boundary=bb", "", "--bb",
+               "Content-Type: text/plain", "", "inner text", "--bb",
+               "Content-Type: text/plain; name=n.txt", "", "note", "--bb--"}) +
+        "inner epilogue";
+    const std::string last = lines({"Subject: last", "", "one line"}) + "--not a delimiter";
+    const std::string raw = lines({"Subject: nested",
+                                   "Content-Type: multipart/mixed; boundary=b",
+                                   "",
+                                   "--b",
+                                   "Content-Type: multipart/alternative; boundary=b2",
+                                   "",
+                                   "--b2",
+                                   "Content-Type: text/plain",
+                                   "",
+                                   "plain",
+                                   "--b2",
+                                   "Content-Type: multipart/related; boundary=b3",
+                                   "",
+                                   "--b3",
+                                   "Content-Type: text/html",
+                                   "",
+                                   "<img src=\"cid:i@x\">",
+                                   "--b3",
+                                   "Content-Type: image/png",
+                                   "Content-ID: <i@x>",
+                                   "Content-Transfer-Encoding: base64",
+                                   "",
+                                   "iVBORw0KGgo=",
+                                   "--b3--",
+                                   "--b2--",
+                                   "--b",
+                                   "Content-Type: message/rfc822",
+                                   ""}) +
+                            first + nl +
+                            lines({"--b", "Content-Type: application/octet-stream; name=x.bin",
+                                   "Content-Transfer-Encoding: quoted-printable", "", "a=3Db=", "c",
+                                   "--b", "Content-Type: message/rfc822; name=last.eml",
+                                   "Content-Transfer-Encoding: 8bit", ""}) +
+                            last + nl + "--b-- " + nl + "epilogue" + nl;
+    const struct {
+      std::string path, encoded, encoding, decoded;
+    } want[] = {
+        {"1.2.2", "iVBORw0KGgo=", "base64", "\x89PNG\r\n\x1a\n"},
+        {"2", first, "7bit", first},
+        {"3", "a=3Db=" + nl + "c", "quoted-printable", "a=bc"},
+        {"4", last, "8bit", last},
+    };
+    store::NewMessage message = ParseMessage(raw, kNoDate);
+    ASSERT_EQ(message.attachments.size(), std::size(want));
+    for (size_t k = 0; k < std::size(want); ++k) {
+      const store::NewAttachment& got = message.attachments[k];
+      SCOPED_TRACE(want[k].path);
+      EXPECT_EQ(got.part_path, want[k].path);
+      ASSERT_GE(got.content_offset, 0);
+      EXPECT_EQ(raw.substr(got.content_offset, got.content_length), want[k].encoded);
+      EXPECT_EQ(got.content_encoding, want[k].encoding);
+      EXPECT_EQ(got.size, static_cast<int64_t>(want[k].decoded.size()));
+      EXPECT_EQ(ExtractPart(raw, got.part_path), want[k].decoded);
+    }
+    EXPECT_EQ(Summary(ParseFromFile(raw)), Summary(message));
+  }
+
+  // Uuencoded content has no range; the MIME library decodes it.
+  const std::string uu =
+      "Subject: uu\nContent-Type: multipart/mixed; boundary=b\n\n--b\nContent-Type: text/plain\n\n"
+      "body\n--b\nContent-Type: application/octet-stream; name=u.bin\n"
+      "Content-Transfer-Encoding: x-uuencode\n\nbegin 644 u.bin\n#86)C\n`\nend\n--b--\n";
+  store::NewMessage message = ParseMessage(uu, kNoDate);
+  ASSERT_EQ(message.attachments.size(), 1u);
+  EXPECT_EQ(message.attachments[0].content_offset, -1);
+  EXPECT_EQ(message.attachments[0].size, 3);
+  EXPECT_EQ(ExtractPart(uu, message.attachments[0].part_path), "abc");
+}
+
+TEST(MimeParserTest, ReadingAFileByWindowsCoversWhatCrossesThem) {
+  // A header block, a header field and a line of an attached message, each
+  // longer than what is read at once, and a large attachment.
+  std::string to = "To: a0@example.org";
+  for (int i = 1; i < 8000; ++i) to += ",\n a" + std::to_string(i) + "@example.org";
+  const std::string long_name(150 * 1024, 'n');
+  std::string base64;
+  for (int i = 0; i < 4000; ++i)
+    base64 += "QUJDREVGR0hJSktMTU5PUFFSU1RVVldYWVphYmNkZWZnaGlqa2xtbm9wcXJz\n";
+  const std::string inner = "Subject: inner\n\n" + std::string(100 * 1024, 'x') + "\nend";
+  const std::string raw =
+      "From someone@example.org Mon Jan  1 00:00:00 2024\nSubject: big\n" + to +
+      "\nContent-Type: multipart/mixed; boundary=b\n\n--b\nContent-Type: text/plain\n\nbody\n"
+      "--b\nContent-Type: application/octet-stream\nContent-Disposition: attachment;\n"
+      " filename=\"" +
+      long_name + ".bin\"\nContent-Transfer-Encoding: base64\n\n" + base64 +
+      "--b\nContent-Type: message/rfc822\n\n" + inner + "\n--b--\n";
+  store::NewMessage message = ParseMessage(raw, kNoDate);
+  ASSERT_EQ(message.to.size(), 8000u);
+  ASSERT_EQ(message.attachments.size(), 2u);
+  // The name was read whole (its extension is at the end), then cut short.
+  EXPECT_EQ(message.attachments[0].name.size(), 255u);
+  EXPECT_EQ(message.attachments[0].name.substr(251), ".bin");
+  EXPECT_EQ(message.attachments[0].size, 4000 * 45);
+  EXPECT_EQ(
+      raw.substr(message.attachments[1].content_offset, message.attachments[1].content_length),
+      inner);
+  EXPECT_EQ(Summary(ParseFromFile(raw)), Summary(message));
 }
 
 TEST(MimeParserTest, WhatGMimeCannotReadIsStillKept) {

@@ -239,6 +239,49 @@ TEST_F(SendTest, WhatArrivesIsAStandardMessageAndTheSentCopyIsThatMessage) {
   EXPECT_TRUE(Inconsistencies().empty());
 }
 
+TEST_F(SendTest, LargeAttachmentsGoOutAndComeBackFromTheSentCopyByteForByte) {
+  SmtpSink sink;
+  AddAccount("ann@example.org", sink.port());
+  std::string binary(300 * 1024 + 5, '\0');
+  std::string text;
+  for (size_t i = 0; i < binary.size(); ++i) binary[i] = static_cast<char>(i * 7919 >> 3);
+  for (int i = 0; text.size() < 150 * 1024; ++i) {
+    text += "Zeile " + std::to_string(i) + " mit Umlauten: äöü =\r\n";
+  }
+  const int sent =
+      messages_.Send(Draft({"bob@example.org"}, "<p>Files</p>",
+                           {Upload("data.bin", binary, false), Upload("notes.txt", text, false)}));
+  ASSERT_EQ(sink.messages().size(), 1u);
+  // The copy is the very bytes that went out, read from the work file.
+  EXPECT_TRUE(messages_.OriginalContent(sent) == sink.messages()[0]);
+  EXPECT_EQ(Query("SELECT size FROM message WHERE id = " + std::to_string(sent)),
+            static_cast<int64_t>(sink.messages()[0].size()));
+  const record::Message copy = messages_.GetMessage(sent);
+  ASSERT_EQ(copy.attachments.size(), 2u);
+  control::AttachmentControl attachments(controller());
+  EXPECT_TRUE(attachments.GetContentByRecord(copy.attachments[0]) == binary);
+  EXPECT_TRUE(attachments.GetContentByRecord(copy.attachments[1]) == text);
+  EXPECT_EQ(copy.attachments[0].size, static_cast<int64_t>(binary.size()));
+  // Each is read from where it lies in the copy's source.
+  EXPECT_EQ(Query("SELECT count(*) FROM attachment WHERE message_id = " + std::to_string(sent) +
+                  " AND content_offset IS NOT NULL"),
+            2);
+
+  // Forwarded from the copy and sent again, they arrive unchanged.
+  control::MessageConfig forward;
+  forward.from.Set("ann@example.org");
+  forward.to.Set({"carol@example.org"});
+  forward.refer_to.Set(sent);
+  forward.draft_type.Set(3);
+  forward.attachment.Set({copy.attachments[0].id, copy.attachments[1].id});
+  messages_.Send(messages_.CreateDraft(forward));
+  const Received received = Parse(sink.messages().at(1));
+  ASSERT_EQ(received.leaves.size(), 3u);
+  EXPECT_TRUE(received.leaves[1].content == binary);
+  EXPECT_TRUE(received.leaves[2].content == text);
+  EXPECT_TRUE(Inconsistencies().empty());
+}
+
 TEST_F(SendTest, BodyStructureFollowsWhatTheDraftHolds) {
   SmtpSink sink;
   AddAccount("ann@example.org", sink.port());

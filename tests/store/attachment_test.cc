@@ -31,8 +31,8 @@ TEST_F(AttachmentTest, ReceivedPartsAreDecodedFromTheSource) {
       "--x\r\nContent-Type: text/plain\r\n\r\nSee scan.\r\n"
       "--x\r\nContent-Type: application/pdf; name=\"scan.pdf\"\r\n"
       "Content-Transfer-Encoding: base64\r\n\r\nJVBERi0xLjQKAP8=\r\n--x--\r\n";
-  mail.attachments = {{"scan.pdf", "application/pdf", "", false, 11, "2"},
-                      {"gone.bin", "application/octet-stream", "", false, 3, "7"}};
+  mail.attachments = {Part("scan.pdf", "application/pdf", "", false, 11, "2"),
+                      Part("gone.bin", "application/octet-stream", "", false, 3, "7")};
   record::Message message = messages_.GetMessage(Add(mail));
   ASSERT_EQ(message.attachments.size(), 2u);
   EXPECT_EQ(attachments_.GetContentByRecord(message.attachments[0]),
@@ -76,7 +76,7 @@ TEST_F(AttachmentTest, RecordsOfTemporaryAndStoredAttachments) {
   EXPECT_FALSE(attachments_.GetTemp(9999).IsValid());
 
   Mail mail;
-  mail.attachments = {{"a.png", "image/png", "", false, 10, "2"}};
+  mail.attachments = {Part("a.png", "image/png", "", false, 10, "2")};
   int attachment_id = messages_.GetMessage(Add(mail)).attachments.at(0).id;
   EXPECT_EQ(attachments_.Get(attachment_id).preview_path, "");
   EXPECT_TRUE(attachments_.SetPreviewPath(attachment_id, "/previews/1.jpg"));

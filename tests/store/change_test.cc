@@ -18,7 +18,7 @@ class ChangeTest : public StoreTest {
     Mail mail;
     mail.message_id = "m1";
     mail.arrival = 1700000000;
-    mail.attachments = {{"a.txt", "text/plain", "", false, 3, "2"}};
+    mail.attachments = {Part("a.txt", "text/plain", "", false, 3, "2")};
     m1_ = Add(mail);
     mail.message_id = "m2";
     mail.in_reply_to = "m1";

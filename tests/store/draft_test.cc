@@ -56,8 +56,8 @@ class DraftTest : public StoreTest {
     second.in_reply_to = "r1@example.org";
     second.references = {"r1@example.org"};
     second.raw = kReceived;
-    second.attachments = {{"data.bin", "application/octet-stream", "", false, 5, "2"},
-                          {"logo.png", "image/png", "logo@example.org", true, 4, "3"}};
+    second.attachments = {Part("data.bin", "application/octet-stream", "", false, 5, "2"),
+                          Part("logo.png", "image/png", "logo@example.org", true, 4, "3")};
     r2_ = Add(second);
     Mail other;
     other.subject = "Unrelated";
@@ -349,7 +349,7 @@ TEST_F(DraftTest, TheSentCopyTakesTheDraftsPlace) {
   sent.in_reply_to = "r2@example.org";
   sent.references = {"r1@example.org", "r2@example.org"};
   sent.plain_body = "Thanks";
-  sent.attachments = {{"a.txt", "text/plain", "", false, 5, "2"}};
+  sent.attachments = {Part("a.txt", "text/plain", "", false, 5, "2")};
   sent.raw = "Subject: Re: Report\r\n\r\nThanks";
   clock_.Advance(30);
   int sent_id = store::StoreSentCopy(controller(), draft_id, sent);

@@ -105,8 +105,8 @@ TEST_F(StoreTest, AMessageIsStoredWholeAndReadBackAsItCame) {
   mail.to = {"\"Doe, Jo\" <jo@example.org>", "odd\\one\n\x01é😀"};  // survive the store's lists
   mail.cc = {"cc@example.org"};
   mail.html = "<p>See the report.<img src=\"cid:logo@x\"></p>";
-  mail.attachments = {{"report.pdf", "application/pdf", "", false, 1234, "2"},
-                      {"logo.png", "image/png", "logo@x", true, 99, "1.2"}};
+  mail.attachments = {Part("report.pdf", "application/pdf", "", false, 1234, "2"),
+                      Part("logo.png", "image/png", "logo@x", true, 99, "1.2")};
   mail.raw = std::string("Subject: x\r\n\r\nbody\0with nul\r\n", 30);
   store::NewMessage message = ToNew(mail, clock_.now());
   message.bcc = {"secret@example.org"};
@@ -145,7 +145,7 @@ TEST_F(StoreTest, AnHtmlOnlyMessageIsPreviewedAndSearchedByItsText) {
   Mail mail;
   mail.plain = " \r\n";
   mail.html = "<style>.x{}</style><p>Caf&eacute;   ouvert</p>";
-  mail.attachments = {{"logo.png", "image/png", "logo", true, 9, "2"}};
+  mail.attachments = {Part("logo.png", "image/png", "logo", true, 9, "2")};
   int id = Add(mail);
   std::vector<record::FullMessage> full =
       control::MessageControl(controller()).GetFullMessages({id});

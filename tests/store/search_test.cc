@@ -49,7 +49,7 @@ class SearchTest : public StoreTest {
     const char* ann = "Ann Example <ann@example.org>";
     Mail m1 = mail("Quarterly invoice", ann, kInbox, 1, false, 0);
     m1.message_id = "m1";
-    m1.attachments = {{"invoice-march.pdf", "application/pdf", "", false, 10, "2"}};
+    m1.attachments = {Part("invoice-march.pdf", "application/pdf", "", false, 10, "2")};
     Mail m2 = mail("Re: Quarterly invoice", "Bob <bob@example.org>", kInbox, 3, true, 1);
     m2.in_reply_to = "m1";
     m2.to = {ann};

@@ -2,8 +2,10 @@
 
 #include <strings.h>
 
+#include <algorithm>
 #include <cctype>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "appliance/mailcore/mime/charset.h"
@@ -48,18 +50,18 @@ std::string Unfold(const std::string& raw) {
 
 // The end of the line that starts at `begin` (the index of its '\n', or the
 // end of `source`).
-size_t LineEnd(const std::string& source, size_t begin) {
+size_t LineEnd(std::string_view source, size_t begin) {
   size_t end = source.find('\n', begin);
-  return end == std::string::npos ? source.size() : end;
+  return end == std::string_view::npos ? source.size() : end;
 }
 
-bool IsBlankLine(const std::string& source, size_t begin, size_t end) {
+bool IsBlankLine(std::string_view source, size_t begin, size_t end) {
   return end == begin || (end == begin + 1 && source[begin] == '\r');
 }
 
 // The length of the field name at `begin` (up to its colon), 0 when the
 // line does not start a header field.
-size_t FieldNameLength(const std::string& source, size_t begin, size_t end) {
+size_t FieldNameLength(std::string_view source, size_t begin, size_t end) {
   size_t i = begin;
   while (i < end && source[i] > ' ' && source[i] < 127 && source[i] != ':') ++i;
   size_t name_end = i;
@@ -332,10 +334,10 @@ std::vector<std::string> HeaderBlock::FindAll(const std::string& name) const {
   return values;
 }
 
-HeaderBlock ScanHeaders(const std::string& source) {
+HeaderBlock ScanHeaders(std::string_view source) {
   HeaderBlock block;
   size_t begin = 0;
-  if (source.compare(0, 5, "From ") == 0) begin = std::min(LineEnd(source, 0) + 1, source.size());
+  if (source.substr(0, 5) == "From ") begin = std::min(LineEnd(source, 0) + 1, source.size());
   bool in_garbage = false;  // continuation lines of a skipped line are skipped too
   bool first = true;
   while (begin < source.size()) {
@@ -347,12 +349,12 @@ HeaderBlock ScanHeaders(const std::string& source) {
     }
     if (IsBlank(source[begin])) {
       if (!block.fields.empty() && !in_garbage) {
-        block.fields.back().value.append(source, begin - 1, end - begin + 1);  // "\n" + line
+        block.fields.back().value.append(source.substr(begin - 1, end - begin + 1));  // "\n" + line
       }
     } else if (size_t length = FieldNameLength(source, begin, end)) {
       size_t colon = source.find(':', begin + length);
-      block.fields.push_back(
-          {source.substr(begin, length), source.substr(colon + 1, end - colon - 1)});
+      block.fields.push_back({std::string(source.substr(begin, length)),
+                              std::string(source.substr(colon + 1, end - colon - 1))});
       in_garbage = false;
     } else if (first) {
       // Not a message with a header: all of it is body.
@@ -368,22 +370,25 @@ HeaderBlock ScanHeaders(const std::string& source) {
   return block;
 }
 
-std::string FieldValueAt(const std::string& source, size_t offset, const std::string& name) {
+std::string FieldValueAt(std::string_view source, size_t offset, const std::string& name,
+                         size_t* field_end) {
+  if (field_end != nullptr) *field_end = offset;
   if (offset >= source.size() || source.size() - offset < name.size() ||
-      strncasecmp(source.c_str() + offset, name.c_str(), name.size()) != 0) {
+      strncasecmp(source.data() + offset, name.c_str(), name.size()) != 0) {
     return "";
   }
   size_t end = LineEnd(source, offset);
   size_t colon = offset + name.size();
   while (colon < end && IsBlank(source[colon])) ++colon;
   if (colon >= end || source[colon] != ':') return "";
-  std::string value = source.substr(colon + 1, end - colon - 1);
-  for (size_t begin = end + 1; begin < source.size() && IsBlank(source[begin]);) {
+  std::string value(source.substr(colon + 1, end - colon - 1));
+  size_t begin = end + 1;
+  for (; begin < source.size() && IsBlank(source[begin]); begin = end + 1) {
     end = LineEnd(source, begin);
     value += '\n';
-    value.append(source, begin, end - begin);
-    begin = end + 1;
+    value.append(source.substr(begin, end - begin));
   }
+  if (field_end != nullptr) *field_end = std::min(begin, source.size());
   return value;
 }
 

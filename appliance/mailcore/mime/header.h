@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace ornic::larkpost::mime {
@@ -33,12 +34,15 @@ struct HeaderBlock {
 
 // Reads the header block at the start of `source`. A leading mbox "From "
 // line is skipped; lines that are not header fields are skipped too.
-HeaderBlock ScanHeaders(const std::string& source);
+HeaderBlock ScanHeaders(std::string_view source);
 
 // The value of the field `name` that starts at `offset` of `source`
 // (continuation lines included), or "" when no field of that name starts
-// there.
-std::string FieldValueAt(const std::string& source, size_t offset, const std::string& name);
+// there. `*field_end`, when asked for, is where the field ends: the start
+// of the line after it, or the end of `source` (the field may go on beyond
+// a source that is only a window of the message).
+std::string FieldValueAt(std::string_view source, size_t offset, const std::string& name,
+                         size_t* field_end = nullptr);
 
 // Unstructured header text (Subject, a display name) as UTF-8: unfolded,
 // RFC 2047 encoded words decoded (adjacent words of one charset joined

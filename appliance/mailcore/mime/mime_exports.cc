@@ -3,17 +3,19 @@
 #include <exception>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <utility>
 
 #include "appliance/mailcore/mime/mime_parser.h"
 
 extern "C" __attribute__((visibility("default"))) bool larkpost_mime_extract_part(
-    const std::string* raw, const char* part_path, std::string* content) {
+    const char* raw, size_t size, const char* part_path, std::string* content) {
   // An exception must not cross the C boundary: the caller was built to
   // expect none from a symbol it looked up by name.
   try {
-    std::optional<std::string> part = ornic::larkpost::mime::ExtractPart(*raw, part_path);
+    std::optional<std::string> part =
+        ornic::larkpost::mime::ExtractPart(std::string_view(raw, size), part_path);
     if (!part) return false;
     *content = std::move(*part);
     return true;

@@ -1,22 +1,28 @@
 #include "appliance/mailcore/mime/mime_parser.h"
 
+#include <errno.h>
 #include <gmime/gmime.h>
 #include <strings.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <memory>
-#include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "appliance/mailcore/mime/charset.h"
 #include "appliance/mailcore/mime/header.h"
 #include "appliance/mailcore/mime/html_text.h"
+#include "appliance/mailcore/mime/transfer_decoder.h"
 
 namespace ornic::larkpost::mime {
 namespace {
 
 constexpr size_t kPreviewCharacters = 200;
+// How much of the source is read at once where it is not all in memory.
+constexpr size_t kScanWindow = 64 * 1024;
 
 struct GObjectRelease {
   void operator()(gpointer object) const { g_object_unref(object); }
@@ -48,25 +54,117 @@ GMimeParserOptions* ParserOptions() {
   return options;
 }
 
-// A message parsed by GMime, with the bytes that it was parsed from (the
-// source without a leading mbox "From " line): GMime's header offsets point
-// into them.
-struct ParsedSource {
-  explicit ParsedSource(const std::string& raw) {
-    GMimeParserOptions* options = ParserOptions();
-    size_t skip = 0;
-    if (raw.compare(0, 5, "From ") == 0) {
-      skip = raw.find('\n');
-      skip = skip == std::string::npos ? raw.size() : skip + 1;
+// The bytes that a message is parsed from, with GMime streams over them
+// that do not copy them: a source in memory, or a file read a window at a
+// time. Offsets are from the start of the source, a leading mbox "From "
+// line included.
+class SourceBytes {
+ public:
+  explicit SourceBytes(int64_t size) : size_(size) {}
+  virtual ~SourceBytes() = default;
+  SourceBytes(const SourceBytes&) = delete;
+  SourceBytes& operator=(const SourceBytes&) = delete;
+
+  int64_t size() const { return size_; }
+  // At least `length` bytes from `offset` on, fewer only at the end of the
+  // source; valid until the next call.
+  virtual std::string_view Window(int64_t offset, size_t length) = 0;
+  // A seekable stream over the bytes from `start` on; the parts that GMime
+  // parses from it keep substreams of it rather than copies.
+  virtual GMimeStream* NewStream(int64_t start) = 0;
+  // Whether `stream` reads from these bytes (so that its position is an
+  // offset of the source).
+  virtual bool Owns(GMimeStream* stream) const = 0;
+
+ private:
+  int64_t size_;
+};
+
+class MemoryBytes : public SourceBytes {
+ public:
+  explicit MemoryBytes(std::string_view bytes)
+      : SourceBytes(static_cast<int64_t>(bytes.size())), bytes_(bytes) {
+    // GMime reads a memory stream's array through its data and len only,
+    // and leaves alone an array it does not own: one over the caller's
+    // buffer spares a copy of the whole source.
+    array_.data = reinterpret_cast<guint8*>(const_cast<char*>(bytes.data()));
+    array_.len = static_cast<guint>(bytes.size());
+  }
+  std::string_view Window(int64_t offset, size_t /*length*/) override {
+    return offset >= size() ? std::string_view() : bytes_.substr(static_cast<size_t>(offset));
+  }
+  GMimeStream* NewStream(int64_t start) override {
+    GMimeStream* stream = g_mime_stream_mem_new_with_byte_array(&array_);
+    g_mime_stream_mem_set_owner(GMIME_STREAM_MEM(stream), FALSE);
+    g_mime_stream_set_bounds(stream, start, -1);
+    return stream;
+  }
+  bool Owns(GMimeStream* stream) const override {
+    return GMIME_IS_STREAM_MEM(stream) && GMIME_STREAM_MEM(stream)->buffer == &array_;
+  }
+
+ private:
+  std::string_view bytes_;
+  GByteArray array_{};
+};
+
+class FileBytes : public SourceBytes {
+ public:
+  FileBytes(int fd, int64_t size) : SourceBytes(size), fd_(fd) {}
+  std::string_view Window(int64_t offset, size_t length) override {
+    length = static_cast<size_t>(
+        std::min<int64_t>(static_cast<int64_t>(length), std::max<int64_t>(size() - offset, 0)));
+    window_.resize(length);
+    size_t done = 0;
+    while (done < length) {
+      ssize_t got = pread(fd_, &window_[done], length - done, static_cast<off_t>(offset + done));
+      if (got < 0 && errno == EINTR) continue;
+      if (got <= 0) break;
+      done += static_cast<size_t>(got);
     }
-    bytes = raw.substr(skip);
-    GObjectPtr<GMimeStream> stream(g_mime_stream_mem_new_with_buffer(bytes.data(), bytes.size()));
+    window_.resize(done);
+    return window_;
+  }
+  GMimeStream* NewStream(int64_t start) override {
+    GMimeStream* stream = g_mime_stream_fs_new_with_bounds(fd_, start, size());
+    g_mime_stream_fs_set_owner(GMIME_STREAM_FS(stream), FALSE);
+    return stream;
+  }
+  bool Owns(GMimeStream* stream) const override {
+    return GMIME_IS_STREAM_FS(stream) && GMIME_STREAM_FS(stream)->fd == fd_;
+  }
+
+ private:
+  int fd_;
+  std::string window_;
+};
+
+// A message parsed by GMime from its bytes (without a leading mbox "From "
+// line, which GMime would not read as a header).
+struct ParsedSource {
+  explicit ParsedSource(SourceBytes& source) : bytes(source) {
+    GMimeParserOptions* options = ParserOptions();
+    int64_t skip = 0;
+    if (bytes.Window(0, 5).substr(0, 5) == "From ") {
+      for (skip = 0; skip < bytes.size();) {
+        std::string_view window = bytes.Window(skip, kScanWindow);
+        size_t end = window.find('\n');
+        if (end != std::string_view::npos) {
+          skip += static_cast<int64_t>(end) + 1;
+          break;
+        }
+        skip += static_cast<int64_t>(window.size());
+        if (window.empty()) break;
+      }
+    }
+    GObjectPtr<GMimeStream> stream(bytes.NewStream(skip));
     GObjectPtr<GMimeParser> parser(g_mime_parser_new_with_stream(stream.get()));
     g_mime_parser_set_format(parser.get(), GMIME_FORMAT_MESSAGE);
+    g_mime_parser_set_persist_stream(parser.get(), TRUE);
     message.reset(g_mime_parser_construct_message(parser.get(), options));
   }
 
-  std::string bytes;
+  SourceBytes& bytes;
   GObjectPtr<GMimeMessage> message;
 };
 
@@ -82,6 +180,19 @@ std::string MimeType(GMimeObject* object) {
   return Lower(text ? text.get() : "application/octet-stream");
 }
 
+// The value of the header field `name` that starts at `offset` of the
+// source, read through windows that grow until the field ends inside one.
+std::string FieldAt(SourceBytes& bytes, int64_t offset, const std::string& name) {
+  for (size_t length = kScanWindow;; length *= 4) {
+    std::string_view window = bytes.Window(offset, length);
+    size_t end = 0;
+    std::string value = FieldValueAt(window, 0, name, &end);
+    if (end < window.size() || offset + static_cast<int64_t>(window.size()) >= bytes.size()) {
+      return value;
+    }
+  }
+}
+
 // The raw value of the part's header `name` (first of that name), read
 // from the source itself where GMime knows its place: GMime's own copy ends
 // at a NUL byte.
@@ -91,7 +202,7 @@ std::string RawPartHeader(const ParsedSource& source, GMimeObject* object, const
   if (header == nullptr) return "";
   gint64 offset = g_mime_header_get_offset(header);
   if (offset >= 0) {
-    std::string value = FieldValueAt(source.bytes, static_cast<size_t>(offset), name);
+    std::string value = FieldAt(source.bytes, offset, name);
     if (!value.empty()) return value;
   }
   const char* raw = g_mime_header_get_raw_value(header);
@@ -131,6 +242,257 @@ int64_t DecodedSize(GMimeObject* object) {
     g_mime_data_wrapper_write_to_stream(content, counter.get());
   }
   return static_cast<int64_t>(GMIME_STREAM_NULL(counter.get())->written);
+}
+
+// Where a part's content lies in the source, still encoded.
+struct ContentRange {
+  int64_t offset = 0;
+  int64_t length = 0;
+  TransferEncoding encoding = TransferEncoding::kIdentity;
+  const char* encoding_name = "7bit";  // as the store keeps it
+};
+
+// The lines of the source from an offset on, each without its "\n", read a
+// window at a time. A line longer than a window comes as its first window.
+class LineReader {
+ public:
+  LineReader(SourceBytes& bytes, int64_t offset) : bytes_(bytes), next_(offset) {}
+
+  bool Next(int64_t* start, std::string_view* line) {
+    for (;;) {
+      if (at_ == window_.size()) {
+        base_ = next_;
+        at_ = 0;
+        window_ = bytes_.Window(base_, kScanWindow);
+        if (window_.empty()) return false;
+      }
+      size_t end = window_.find('\n', at_);
+      if (skipping_) {  // the rest of a line that was too long
+        at_ = end == std::string_view::npos ? window_.size() : end + 1;
+        skipping_ = end == std::string_view::npos;
+        next_ = base_ + static_cast<int64_t>(at_);
+        continue;
+      }
+      bool last = base_ + static_cast<int64_t>(window_.size()) >= bytes_.size();
+      if (end == std::string_view::npos && !last) {
+        skipping_ = at_ == 0;
+        *start = base_;
+        *line = window_;
+        if (!skipping_) {
+          // Read again from the start of the line.
+          next_ = base_ + static_cast<int64_t>(at_);
+          at_ = window_.size();
+          continue;
+        }
+        next_ = base_ + static_cast<int64_t>(window_.size());
+        at_ = window_.size();
+        return true;
+      }
+      if (end == std::string_view::npos) end = window_.size();
+      *start = base_ + static_cast<int64_t>(at_);
+      *line = window_.substr(at_, end - at_);
+      at_ = std::min(end + 1, window_.size());
+      next_ = base_ + static_cast<int64_t>(at_);
+      return true;
+    }
+  }
+
+ private:
+  SourceBytes& bytes_;
+  int64_t base_ = 0;
+  int64_t next_;
+  std::string_view window_;
+  size_t at_ = 0;
+  bool skipping_ = false;
+};
+
+// Whether `line` is a delimiter line ("--boundary", or "--boundary--" at
+// the end) of one of `boundaries`, blanks after it allowed, as GMime tells
+// them.
+bool IsDelimiter(std::string_view line, const std::vector<std::string>& boundaries) {
+  for (const std::string& boundary : boundaries) {
+    if (line.size() < boundary.size() + 2 || line.substr(0, 2) != "--" ||
+        line.substr(2, boundary.size()) != boundary) {
+      continue;
+    }
+    std::string_view rest = line.substr(boundary.size() + 2);
+    if (rest.substr(0, 2) == "--") rest.remove_prefix(2);
+    if (rest.find_first_not_of(" \t\r") == std::string_view::npos) return true;
+  }
+  return false;
+}
+
+// Where the content of a leaf part lies: GMime keeps it as a window of the
+// source it parsed, whose bounds are the content's offsets. A part encoded
+// in a way that the core does not decode (uuencode) has none.
+std::optional<ContentRange> LeafRange(SourceBytes& bytes, GMimePart* part) {
+  GMimeDataWrapper* content = g_mime_part_get_content(part);
+  GMimeStream* stream = content ? g_mime_data_wrapper_get_stream(content) : nullptr;
+  if (stream == nullptr || !bytes.Owns(stream)) return std::nullopt;
+  ContentRange range;
+  switch (g_mime_data_wrapper_get_encoding(content)) {
+    case GMIME_CONTENT_ENCODING_DEFAULT:
+    case GMIME_CONTENT_ENCODING_7BIT:
+      break;
+    case GMIME_CONTENT_ENCODING_8BIT:
+      range.encoding_name = "8bit";
+      break;
+    case GMIME_CONTENT_ENCODING_BINARY:
+      range.encoding_name = "binary";
+      break;
+    case GMIME_CONTENT_ENCODING_BASE64:
+      range.encoding = TransferEncoding::kBase64;
+      range.encoding_name = "base64";
+      break;
+    case GMIME_CONTENT_ENCODING_QUOTEDPRINTABLE:
+      range.encoding = TransferEncoding::kQuotedPrintable;
+      range.encoding_name = "quoted-printable";
+      break;
+    default:
+      return std::nullopt;
+  }
+  if (g_mime_stream_reset(stream) != 0) return std::nullopt;
+  range.offset = g_mime_stream_tell(stream);
+  range.length = g_mime_stream_length(stream);
+  if (range.offset < 0 || range.length < 0 || range.offset + range.length > bytes.size()) {
+    return std::nullopt;
+  }
+  return range;
+}
+
+// The furthest offset of the source that GMime placed inside `object`: its
+// header fields, its parts', and the ends of its leaves' contents.
+void ExtendToLastOffset(SourceBytes& bytes, GMimeObject* object, int64_t* last) {
+  if (object == nullptr) return;
+  if (GMimeHeaderList* headers = g_mime_object_get_header_list(object)) {
+    for (int i = 0; i < g_mime_header_list_get_count(headers); ++i) {
+      *last = std::max<int64_t>(
+          *last, g_mime_header_get_offset(g_mime_header_list_get_header_at(headers, i)));
+    }
+  }
+  if (GMIME_IS_MESSAGE(object)) {
+    ExtendToLastOffset(bytes, g_mime_message_get_mime_part(GMIME_MESSAGE(object)), last);
+  } else if (GMIME_IS_MESSAGE_PART(object)) {
+    GMimeMessage* inner = g_mime_message_part_get_message(GMIME_MESSAGE_PART(object));
+    ExtendToLastOffset(bytes, GMIME_OBJECT(inner), last);
+  } else if (GMIME_IS_MULTIPART(object)) {
+    GMimeMultipart* multipart = GMIME_MULTIPART(object);
+    for (int i = 0; i < g_mime_multipart_get_count(multipart); ++i) {
+      ExtendToLastOffset(bytes, g_mime_multipart_get_part(multipart, i), last);
+    }
+  } else if (GMIME_IS_PART(object)) {
+    if (std::optional<ContentRange> range = LeafRange(bytes, GMIME_PART(object))) {
+      *last = std::max(*last, range->offset + range->length);
+    }
+  }
+}
+
+// The multiparts from `from` down to `target` (exclusive); false when
+// `target` is not below `from`.
+bool PathTo(GMimeObject* from, GMimeObject* target, std::vector<GMimeMultipart*>* path) {
+  if (from == target) return true;
+  if (from == nullptr || !GMIME_IS_MULTIPART(from)) return false;
+  GMimeMultipart* multipart = GMIME_MULTIPART(from);
+  path->push_back(multipart);
+  for (int i = 0; i < g_mime_multipart_get_count(multipart); ++i) {
+    if (PathTo(g_mime_multipart_get_part(multipart, i), target, path)) return true;
+  }
+  path->pop_back();
+  return false;
+}
+
+// Where an attached message lies: from its first header field up to the
+// delimiter line of an enclosing multipart that ended it for GMime (the
+// line break before the delimiter is the delimiter's), or to the end of the
+// source. GMime keeps no bounds of its own for it.
+std::optional<ContentRange> MessageRange(const ParsedSource& source, GMimeObject* object) {
+  GMimeMessage* inner = g_mime_message_part_get_message(GMIME_MESSAGE_PART(object));
+  if (inner == nullptr) return std::nullopt;
+  // Only an attached message that is not encoded is its own source.
+  std::string encoding = Lower(RawPartHeader(source, object, "Content-Transfer-Encoding"));
+  encoding.erase(0, encoding.find_first_not_of(" \t\r\n"));
+  encoding.erase(encoding.find_last_not_of(" \t\r\n") + 1);
+  ContentRange range;
+  if (encoding == "8bit") range.encoding_name = "8bit";
+  if (encoding == "binary") range.encoding_name = "binary";
+  if (!encoding.empty() && encoding != "7bit" && encoding != "8bit" && encoding != "binary") {
+    return std::nullopt;
+  }
+  int64_t start = -1;
+  for (GMimeObject* holder : {GMIME_OBJECT(inner), g_mime_message_get_mime_part(inner)}) {
+    GMimeHeaderList* headers = holder ? g_mime_object_get_header_list(holder) : nullptr;
+    for (int i = 0; headers != nullptr && i < g_mime_header_list_get_count(headers); ++i) {
+      gint64 offset = g_mime_header_get_offset(g_mime_header_list_get_header_at(headers, i));
+      if (offset >= 0 && (start < 0 || offset < start)) start = offset;
+    }
+  }
+  if (start < 0) return std::nullopt;  // no header: nothing marks where it starts
+  int64_t last = start;
+  ExtendToLastOffset(source.bytes, object, &last);
+  std::vector<GMimeMultipart*> enclosing;
+  PathTo(g_mime_message_get_mime_part(source.message.get()), object, &enclosing);
+  std::vector<std::string> boundaries;
+  for (GMimeMultipart* multipart : enclosing) {
+    const char* boundary = g_mime_multipart_get_boundary(multipart);
+    if (boundary != nullptr && *boundary != '\0') boundaries.push_back(boundary);
+  }
+  int64_t end = source.bytes.size();
+  LineReader lines(source.bytes, last);
+  int64_t at = 0;
+  std::string_view line;
+  bool first = true;  // the line that `last` is in is the message's own
+  while (lines.Next(&at, &line)) {
+    if (!first && IsDelimiter(line, boundaries)) {
+      end = at;
+      const int64_t from = std::max<int64_t>(end - 2, start);
+      std::string_view before =
+          source.bytes.Window(from, 2).substr(0, static_cast<size_t>(end - from));
+      if (end > start && !before.empty() && before.back() == '\n') {
+        --end;
+        before.remove_suffix(1);
+        if (end > start && !before.empty() && before.back() == '\r') --end;
+      }
+      break;
+    }
+    first = false;
+  }
+  range.offset = start;
+  range.length = end - start;
+  return range;
+}
+
+std::optional<ContentRange> RangeOf(const ParsedSource& source, GMimeObject* object) {
+  if (GMIME_IS_MESSAGE_PART(object)) return MessageRange(source, object);
+  if (GMIME_IS_PART(object)) return LeafRange(source.bytes, GMIME_PART(object));
+  return std::nullopt;
+}
+
+// Decodes the range a bounded piece at a time, handing each piece's output
+// to `sink`.
+template <typename Sink>
+void DecodeRange(SourceBytes& bytes, const ContentRange& range, Sink&& sink) {
+  TransferDecoder decoder(range.encoding);
+  std::string out;
+  for (int64_t done = 0; done < range.length;) {
+    std::string_view window = bytes.Window(range.offset + done, kScanWindow);
+    size_t piece = static_cast<size_t>(
+        std::min<int64_t>({static_cast<int64_t>(window.size()), static_cast<int64_t>(kScanWindow),
+                           range.length - done}));
+    if (piece == 0) break;
+    decoder.Step(window.data(), piece, &out);
+    sink(out);
+    out.clear();
+    done += static_cast<int64_t>(piece);
+  }
+  decoder.Finish(&out);
+  sink(out);
+}
+
+int64_t DecodedRangeSize(SourceBytes& bytes, const ContentRange& range) {
+  if (range.encoding == TransferEncoding::kIdentity) return range.length;
+  int64_t size = 0;
+  DecodeRange(bytes, range, [&](const std::string& piece) { size += piece.size(); });
+  return size;
 }
 
 // The charset an HTML document names for itself in a <meta> element, for a
@@ -291,7 +653,14 @@ class PartWalker {
     if (!ids.empty()) attachment.content_id = ids[0];
     attachment.is_inline = !attachment.content_id.empty() &&
                            (IsRelatedResource(parent, object) || disposition.value == "inline");
-    attachment.size = DecodedSize(object);
+    if (std::optional<ContentRange> range = RangeOf(source_, object)) {
+      attachment.size = DecodedRangeSize(source_.bytes, *range);
+      attachment.content_offset = range->offset;
+      attachment.content_length = range->length;
+      attachment.content_encoding = range->encoding_name;
+    } else {
+      attachment.size = DecodedSize(object);
+    }
     attachment.part_path = path;
     message_.attachments.push_back(std::move(attachment));
   }
@@ -386,26 +755,59 @@ std::string BodyPreview(const std::string& text) {
   return preview;
 }
 
-store::NewMessage ParseMessage(std::string raw, int64_t time_without_date) {
+namespace {
+
+store::NewMessage Parse(SourceBytes& bytes, int64_t time_without_date) {
   store::NewMessage message;
-  ParsedSource source(raw);
-  HeaderBlock headers = ScanHeaders(source.bytes);
+  ParsedSource source(bytes);
+  // The header block, through windows that grow until it ends inside one.
+  HeaderBlock headers;
+  for (size_t length = kScanWindow;; length *= 4) {
+    std::string_view window = bytes.Window(0, length);
+    headers = ScanHeaders(window);
+    if (headers.body_offset < window.size() ||
+        static_cast<int64_t>(window.size()) >= bytes.size()) {
+      break;
+    }
+  }
   ReadHeaders(headers, time_without_date, message);
   if (source.message) {
     PartWalker(source, message).Walk();
   } else {
-    message.plain_body = CleanText(ToUtf8(source.bytes.substr(headers.body_offset), ""), true);
+    std::string_view body =
+        bytes.Window(static_cast<int64_t>(headers.body_offset), static_cast<size_t>(bytes.size()));
+    message.plain_body = CleanText(ToUtf8(std::string(body), ""), true);
   }
   if (message.plain_body.empty() && !message.html_body.empty()) {
     message.plain_body = HtmlToText(message.html_body);
   }
   message.body_preview = BodyPreview(message.plain_body);
+  return message;
+}
+
+}  // namespace
+
+store::NewMessage ParseMessage(std::string raw, int64_t time_without_date) {
+  store::NewMessage message;
+  {
+    MemoryBytes bytes(raw);
+    message = Parse(bytes, time_without_date);
+  }
   message.raw = std::move(raw);
   return message;
 }
 
-std::optional<std::string> ExtractPart(const std::string& raw, const std::string& part_path) {
-  ParsedSource source(raw);
+store::NewMessage ParseMessageFile(int fd, int64_t size, int64_t time_without_date) {
+  FileBytes bytes(fd, size);
+  store::NewMessage message = Parse(bytes, time_without_date);
+  message.raw_fd = fd;
+  message.raw_size = size;
+  return message;
+}
+
+std::optional<std::string> ExtractPart(std::string_view raw, const std::string& part_path) {
+  MemoryBytes bytes(raw);
+  ParsedSource source(bytes);
   if (!source.message || part_path.empty()) return std::nullopt;
   std::unique_ptr<GMimePartIter, PartIterRelease> iter(
       g_mime_part_iter_new(GMIME_OBJECT(source.message.get())));
@@ -414,6 +816,14 @@ std::optional<std::string> ExtractPart(const std::string& raw, const std::string
     if (object == nullptr) break;
     GString path(g_mime_part_iter_get_path(iter.get()));
     if (path == nullptr || part_path != path.get()) continue;
+    if (std::optional<ContentRange> range = RangeOf(source, object)) {
+      std::string content;
+      content.reserve(static_cast<size_t>(range->encoding == TransferEncoding::kBase64
+                                              ? range->length / 4 * 3 + 3
+                                              : range->length));
+      DecodeRange(bytes, *range, [&](const std::string& piece) { content += piece; });
+      return content;
+    }
     if (GMIME_IS_MESSAGE_PART(object)) return AttachedMessage(GMIME_MESSAGE_PART(object));
     if (GMIME_IS_PART(object)) return DecodedContent(GMIME_PART(object));
     return std::nullopt;

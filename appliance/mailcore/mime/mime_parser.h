@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "appliance/mailcore/message_store.h"
 
@@ -26,7 +27,9 @@ namespace ornic::larkpost::mime {
 // HTML-only message gets a plain body made from the HTML's text; plain text
 // with its line ends as "\n"); every other leaf part as an attachment (an
 // attached message as one attachment, its own parts not listed), with its
-// decoded size and its GMime part path, is_inline when it has a Content-ID
+// decoded size, its GMime part path and, unless it is uuencoded or an
+// encoded attached message, where its content lies in the source (an
+// attached message's content is its source), is_inline when it has a Content-ID
 // and is a part of multipart/related other than its root or is marked
 // Content-Disposition: inline; body_preview; and `raw` itself, unchanged.
 // The mailbox, type and flags are left at their defaults.
@@ -35,10 +38,17 @@ namespace ornic::larkpost::mime {
 // simple header scan finds, and the rest as its plain body.
 store::NewMessage ParseMessage(std::string raw, int64_t time_without_date);
 
+// The same for the first `size` bytes of the file `fd`, read a window at a
+// time rather than held in memory: `raw` stays empty, and raw_fd and
+// raw_size name the file (which the caller keeps open until the message is
+// stored). Moves the file's offset.
+store::NewMessage ParseMessageFile(int fd, int64_t size, int64_t time_without_date);
+
 // The content of the part at `part_path` (NewAttachment::part_path) of the
 // message `raw`: the transfer encoding undone, an attached message as its
-// source. nullopt when the message has no such part.
-std::optional<std::string> ExtractPart(const std::string& raw, const std::string& part_path);
+// source. nullopt when the message has no such part. Parses `raw` where it
+// is, and decodes into the result a bounded piece at a time.
+std::optional<std::string> ExtractPart(std::string_view raw, const std::string& part_path);
 
 // The first 200 characters of `text` with every run of white space made one
 // blank and none at either end.

@@ -202,18 +202,11 @@ GObjectPtr<GMimeObject> Multipart(const char* subtype, std::vector<GObjectPtr<GM
 }
 
 // The content of `attachment`, in a work file.
-int ContentFile(const store::DraftAttachment& attachment, const ContentReader& read,
+int ContentFile(const store::DraftAttachment& attachment, const ContentWriter& write,
                 const std::string& work_dir) {
   int fd = OpenWorkFile(work_dir);
   try {
-    const std::string content = read(attachment);
-    size_t done = 0;
-    while (done < content.size()) {
-      ssize_t wrote = write(fd, content.data() + done, content.size() - done);
-      if (wrote < 0 && errno == EINTR) continue;
-      if (wrote <= 0) StorageFailure(__LINE__, "writing an attachment to send");
-      done += static_cast<size_t>(wrote);
-    }
+    write(attachment, fd);
     if (lseek(fd, 0, SEEK_SET) != 0) StorageFailure(__LINE__, "rewinding an attachment to send");
   } catch (...) {
     close(fd);
@@ -222,7 +215,7 @@ int ContentFile(const store::DraftAttachment& attachment, const ContentReader& r
   return fd;
 }
 
-GObjectPtr<GMimeObject> Body(const store::Draft& draft, const ContentReader& read,
+GObjectPtr<GMimeObject> Body(const store::Draft& draft, const ContentWriter& write,
                              const std::string& work_dir) {
   const bool has_html = !draft.html_body.empty();
   std::vector<GObjectPtr<GMimeObject>> images, files;
@@ -231,7 +224,7 @@ GObjectPtr<GMimeObject> Body(const store::Draft& draft, const ContentReader& rea
     // by; without them it is an attachment like any other.
     bool in_html = has_html && attachment.is_inline && !attachment.content_id.empty();
     (in_html ? images : files)
-        .push_back(FilePart(attachment, ContentFile(attachment, read, work_dir), in_html));
+        .push_back(FilePart(attachment, ContentFile(attachment, write, work_dir), in_html));
   }
   GObjectPtr<GMimeObject> body = TextPart("plain", draft.plain_body);
   if (has_html) {
@@ -269,7 +262,7 @@ int OpenWorkFile(const std::string& dir) {
 }
 
 Envelope WriteMessage(const store::Draft& draft, const MessageHeaders& headers,
-                      const ContentReader& content, const std::string& work_dir, int out) {
+                      const ContentWriter& content, const std::string& work_dir, int out) {
   static std::once_flag init;
   std::call_once(init, [] { g_mime_init(); });
 

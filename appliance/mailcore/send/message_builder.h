@@ -16,8 +16,9 @@ struct MessageHeaders {
   std::string sender_name;  // the From's display name when the draft's From has none
 };
 
-// The content of one of the draft's attachments, byte for byte.
-using ContentReader = std::function<std::string(const store::DraftAttachment&)>;
+// Writes the content of one of the draft's attachments, byte for byte, to
+// the file `fd` from its current offset.
+using ContentWriter = std::function<void(const store::DraftAttachment&, int fd)>;
 
 // Writes `draft` as a MIME message (CRLF line ends) to file `out`, from its
 // current offset, and returns the envelope: the From address and every To,
@@ -27,15 +28,15 @@ using ContentReader = std::function<std::string(const store::DraftAttachment&)>;
 // file names as RFC 2231 parameters. The body: text/plain, or
 // multipart/alternative of text/plain and text/html when there is HTML; the
 // inline images beside the HTML in multipart/related; attachments after the
-// body in multipart/mixed. Contents are copied to anonymous files in
-// `work_dir` one at a time, so that only one of them is in memory at once.
+// body in multipart/mixed. Contents are written to anonymous files in
+// `work_dir`, which GMime reads a piece at a time as it writes the message.
 //
 // Throws ornic::Error: kErrorInvalidArgument when the From holds no
 // address, kErrorNoRecipient when no To, Cc or Bcc text holds one,
 // kErrorStorage when a file cannot be written, and whatever `content`
 // throws.
 Envelope WriteMessage(const store::Draft& draft, const MessageHeaders& headers,
-                      const ContentReader& content, const std::string& work_dir, int out);
+                      const ContentWriter& content, const std::string& work_dir, int out);
 
 // A new file in `dir` that has no name and goes when closed. Throws
 // ornic::Error(kErrorStorage) when none can be made.

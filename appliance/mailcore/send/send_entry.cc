@@ -1,6 +1,6 @@
 // The sending library's entry: build the draft into a message in a work
 // file, hand the file to the SMTP server, and parse the very bytes that went
-// out into the copy that Sent keeps.
+// out, from the file, into the copy that Sent keeps.
 #include <errno.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -24,9 +24,13 @@ namespace {
 class FileCloser {
  public:
   explicit FileCloser(int fd) : fd_(fd) {}
-  ~FileCloser() { close(fd_); }
+  ~FileCloser() {
+    if (fd_ >= 0) close(fd_);
+  }
   FileCloser(const FileCloser&) = delete;
   FileCloser& operator=(const FileCloser&) = delete;
+  // The file stays open: someone else closes it.
+  void Release() { fd_ = -1; }
 
  private:
   int fd_;
@@ -49,31 +53,14 @@ std::string MessageId(int64_t now, const std::string& domain) {
          (domain.empty() ? "localhost" : domain);
 }
 
-std::string ReadAll(int fd, int64_t size) {
-  std::string bytes(static_cast<size_t>(size), '\0');
-  size_t done = 0;
-  while (done < bytes.size()) {
-    ssize_t got = pread(fd, &bytes[done], bytes.size() - done, static_cast<off_t>(done));
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) {
-      store::LogError("send", __LINE__,
-                      std::string("reading the sent message back failed: ") +
-                          (got < 0 ? strerror(errno) : "it is shorter"));
-      throw Error(kErrorStorage);
-    }
-    done += static_cast<size_t>(got);
-  }
-  return bytes;
-}
-
 void Send(const SendJob& job, SendOutcome* outcome) {
   const store::Draft& draft = *job.draft;
   MessageHeaders headers;
   headers.message_id = MessageId(job.now, job.id_domain);
   headers.date = job.now;
   headers.sender_name = job.sender_name;
-  auto content = [&](const store::DraftAttachment& attachment) {
-    return store::ReadDraftAttachment(*job.controller, draft.id, attachment.id);
+  auto content = [&](const store::DraftAttachment& attachment, int fd) {
+    store::WriteDraftAttachment(*job.controller, draft.id, attachment.id, fd);
   };
 
   const int fd = OpenWorkFile(job.work_dir);
@@ -86,7 +73,10 @@ void Send(const SendJob& job, SendOutcome* outcome) {
   }
   outcome->error = Transmit(job.server, envelope, fd, info.st_size);
   if (outcome->error != 0) return;
-  outcome->sent = mime::ParseMessage(ReadAll(fd, info.st_size), job.now);
+  // The copy is parsed from the file, and stored from it by the caller: the
+  // message is never in memory whole.
+  outcome->sent = mime::ParseMessageFile(fd, info.st_size, job.now);
+  closer.Release();
   outcome->sent.bcc = draft.bcc;
 }
 

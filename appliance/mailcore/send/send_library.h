@@ -30,8 +30,10 @@ struct SendOutcome {
   // platform/mailcore/error.h, or kErrorStorage / kErrorDatabase when the
   // message could not be built.
   int32_t error = 0;
-  // The message as it went out, parsed from the exact bytes sent (raw
-  // included), with the draft's Bcc recipients, which no header carries.
+  // The message as it went out, parsed from the exact bytes sent, with the
+  // draft's Bcc recipients, which no header carries. Its source is the work
+  // file it went out from (sent.raw_fd), left open for storing the copy:
+  // the caller closes it.
   store::NewMessage sent;
 };
 
