@@ -1,7 +1,6 @@
 // File answers: exact CGI headers, every byte of a file larger than one
 // block, nothing written for a file that cannot be sent.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -11,6 +10,7 @@
 #include <string>
 
 #include "platform/zevo/download.h"
+#include "tests/framework/capture_stdout.h"
 
 namespace {
 
@@ -29,25 +29,9 @@ class DownloadTest : public ::testing::Test {
     return path;
   }
 
-  // What `run` wrote to standard output (stdio and the descriptor alike),
-  // and its result.
+  // What `run` wrote to standard output, and its result.
   std::string Capture(const std::function<int()>& run, int& result) {
-    std::FILE* capture = std::tmpfile();
-    EXPECT_NE(capture, nullptr);
-    std::fflush(stdout);
-    const int saved = dup(STDOUT_FILENO);
-    dup2(fileno(capture), STDOUT_FILENO);
-    result = run();
-    std::fflush(stdout);
-    dup2(saved, STDOUT_FILENO);
-    close(saved);
-    std::string text;
-    std::rewind(capture);
-    char buffer[4096];
-    size_t size;
-    while ((size = std::fread(buffer, 1, sizeof(buffer), capture)) > 0) text.append(buffer, size);
-    std::fclose(capture);
-    return text;
+    return larkpost::test::CaptureStdout([&] { result = run(); });
   }
 
   std::string dir_;

@@ -109,24 +109,42 @@ size_t AppendBody(char* data, size_t size, size_t count, void* out) {
   return size * count;
 }
 
+// Adds a "Name: value" line to `headers`, the name lower-cased; other lines
+// are left out.
+void AddHeader(std::string line, std::map<std::string, std::string>& headers) {
+  line.erase(line.find_last_not_of("\r\n") + 1);
+  const size_t colon = line.find(':');
+  if (colon == std::string::npos) return;
+  std::string name = line.substr(0, colon);
+  for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  const size_t value = line.find_first_not_of(' ', colon + 1);
+  headers[name] = value == std::string::npos ? "" : line.substr(value);
+}
+
 size_t AppendHeader(char* data, size_t size, size_t count, void* out) {
-  std::string line(data, size * count);
-  size_t colon = line.find(':');
-  if (colon != std::string::npos) {
-    std::string name = line.substr(0, colon);
-    for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    std::string value = line.substr(colon + 1);
-    value.erase(0, value.find_first_not_of(' '));
-    value.erase(value.find_last_not_of("\r\n") + 1);
-    (*static_cast<std::map<std::string, std::string>*>(out))[name] = value;
-  }
+  AddHeader(std::string(data, size * count),
+            *static_cast<std::map<std::string, std::string>*>(out));
   return size * count;
+}
+
+// A CGI answer: headers (names lower-cased) and body.
+CgiAnswer ParseCgiAnswer(const std::string& raw) {
+  CgiAnswer answer;
+  const size_t end = raw.find("\r\n\r\n");
+  if (end == std::string::npos) {
+    answer.body = raw;
+    return answer;
+  }
+  std::istringstream headers(raw.substr(0, end));
+  for (std::string line; std::getline(headers, line);) AddHeader(line, answer.headers);
+  answer.body = raw.substr(end + 4);
+  answer.json = ParseJsonOrNull(answer.body);
+  return answer;
 }
 
 }  // namespace
 
 std::string BinDir() { return EnvOr("LARKPOST_BIN", "build/bin"); }
-std::string LibDir() { return BinDir() + "/../lib"; }
 
 ProcessResult RunProcess(const std::vector<std::string>& argv,
                          const std::map<std::string, std::string>& env, const std::string& input) {
@@ -146,28 +164,6 @@ ProcessResult RunProcess(const std::vector<std::string>& argv,
   result.err = ReadAll(err);
   for (std::FILE* file : {in, out, err}) std::fclose(file);
   return result;
-}
-
-CgiAnswer ParseCgiAnswer(const std::string& raw) {
-  CgiAnswer answer;
-  const size_t end = raw.find("\r\n\r\n");
-  if (end == std::string::npos) {
-    answer.body = raw;
-    return answer;
-  }
-  std::istringstream headers(raw.substr(0, end));
-  std::string line;
-  while (std::getline(headers, line)) {
-    if (!line.empty() && line.back() == '\r') line.pop_back();
-    size_t colon = line.find(':');
-    if (colon == std::string::npos) continue;
-    std::string name = line.substr(0, colon);
-    for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    answer.headers[name] = line.substr(line.find_first_not_of(' ', colon + 1));
-  }
-  answer.body = raw.substr(end + 4);
-  answer.json = ParseJsonOrNull(answer.body);
-  return answer;
 }
 
 DataRoot::DataRoot(const std::string& leaf) {
@@ -215,15 +211,11 @@ CgiAnswer DataRoot::Cgi(const std::string& program, const CgiRequest& request) c
   };
   if (!request.body.empty() || request.method == "POST") {
     env["CONTENT_LENGTH"] = std::to_string(request.body.size());
-    env["CONTENT_TYPE"] =
-        request.content_type.empty() ? "application/x-www-form-urlencoded" : request.content_type;
+    env["CONTENT_TYPE"] = "application/x-www-form-urlencoded";
   }
   if (!request.cookie.empty()) env["HTTP_COOKIE"] = request.cookie;
   for (const auto& [name, value] : request.extra_headers) env[name] = value;
-  ProcessResult result = RunProcess({BinDir() + "/" + program}, env, request.body);
-  CgiAnswer answer = ParseCgiAnswer(result.out);
-  answer.exit_code = result.exit_code;
-  return answer;
+  return ParseCgiAnswer(RunProcess({BinDir() + "/" + program}, env, request.body).out);
 }
 
 Json::Value DataRoot::Login(const std::string& account, const std::string& password) const {

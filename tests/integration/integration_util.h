@@ -13,9 +13,8 @@
 
 namespace larkpost::itest {
 
-// Where the build put the programs and libraries (set by CTest).
+// Where the build put the programs (set by CTest).
 std::string BinDir();
-std::string LibDir();
 
 struct ProcessResult {
   int exit_code = -1;  // -1 when the process did not exit normally
@@ -34,17 +33,13 @@ struct CgiAnswer {
   std::map<std::string, std::string> headers;
   std::string body;
   Json::Value json;  // the body parsed, null when it is not JSON
-  int exit_code = -1;
 };
-
-CgiAnswer ParseCgiAnswer(const std::string& raw);
 
 // A CGI request to one of our programs.
 struct CgiRequest {
   std::string method = "GET";
-  std::string query;         // QUERY_STRING
-  std::string content_type;  // with a body
-  std::string body;
+  std::string query;                                 // QUERY_STRING
+  std::string body;                                  // form fields, urlencoded
   std::string cookie;                                // HTTP_COOKIE
   std::map<std::string, std::string> extra_headers;  // env name -> value
 };

@@ -1,51 +1,15 @@
 #include "tests/unit/handler_test_util.h"
 
 #include <gmock/gmock.h>
-
 #include <syslog.h>
-#include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <functional>
 #include <regex>
 
+#include "tests/framework/capture_stdout.h"
+
 namespace larkpost::test {
-
-namespace {
-
-std::string CaptureStdout(const std::function<void()>& run) {
-  std::FILE* capture = std::tmpfile();
-  EXPECT_NE(capture, nullptr);
-  if (capture == nullptr) return "";
-  std::fflush(stdout);
-  int saved = dup(fileno(stdout));
-  dup2(fileno(capture), fileno(stdout));
-  auto restore = [&] {
-    std::fflush(stdout);
-    dup2(saved, fileno(stdout));
-    close(saved);
-  };
-  try {
-    run();
-  } catch (...) {
-    restore();
-    std::fclose(capture);
-    throw;
-  }
-  restore();
-
-  std::string text;
-  std::rewind(capture);
-  char buffer[4096];
-  size_t size;
-  while ((size = std::fread(buffer, 1, sizeof(buffer), capture)) > 0) text.append(buffer, size);
-  std::fclose(capture);
-  return text;
-}
-
-}  // namespace
 
 void HandlerTest::SetUp() {
   fake::Reset();
