@@ -233,6 +233,20 @@ TEST(MimeParserTest, TheBodyAndThePartsOfAMessageCanBeExtractedAgain) {
   ASSERT_EQ(message.attachments.size(), 1u);
   EXPECT_EQ(message.attachments[0].name, "scan.pdf");
   EXPECT_EQ(ExtractPart(single, message.attachments[0].part_path), "%PDF-");
+
+  // A message that is one attached message: a forward as a whole, not a
+  // body of its own.
+  const std::string inner = "Subject: inner\nFrom: a@example.org\n\nhello inner\n";
+  const std::string forward = "Subject: fwd\nContent-Type: message/rfc822\n\n" + inner;
+  store::NewMessage forwarded = ParseMessage(forward, kNoDate);
+  EXPECT_EQ(forwarded.plain_body, "");
+  ASSERT_EQ(forwarded.attachments.size(), 1u);
+  EXPECT_EQ(forwarded.attachments[0].name, "inner.eml");
+  EXPECT_EQ(forwarded.attachments[0].mimetype, "message/rfc822");
+  EXPECT_EQ(forward.substr(forwarded.attachments[0].content_offset,
+                           forwarded.attachments[0].content_length),
+            inner);
+  EXPECT_EQ(ExtractPart(forward, forwarded.attachments[0].part_path), inner);
 }
 
 TEST(MimeParserTest, ContentRangesOfNestedPartsAndAttachedMessages) {

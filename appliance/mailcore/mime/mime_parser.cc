@@ -20,6 +20,10 @@
 namespace ornic::larkpost::mime {
 namespace {
 
+// The part path of a message's one part when it is not multipart, as the
+// part iterator numbers it.
+constexpr char kTopPartPath[] = "0";
+
 constexpr size_t kPreviewCharacters = 200;
 // How much of the source is read at once where it is not all in memory.
 constexpr size_t kScanWindow = 64 * 1024;
@@ -576,6 +580,12 @@ class PartWalker {
   void Walk() {
     GMimeObject* top = g_mime_message_get_mime_part(source_.message.get());
     if (top == nullptr) return;
+    if (GMIME_IS_MESSAGE_PART(top)) {
+      // A message that is only an attached message (a forward as a whole):
+      // the part iterator starts inside it, so it is taken here, whole.
+      AddAttachment(top, nullptr, kTopPartPath);
+      return;
+    }
     std::unique_ptr<GMimePartIter, PartIterRelease> iter(
         g_mime_part_iter_new(GMIME_OBJECT(source_.message.get())));
     std::string skipped;  // the path of an attached message: its parts are its own
@@ -809,13 +819,7 @@ std::optional<std::string> ExtractPart(std::string_view raw, const std::string& 
   MemoryBytes bytes(raw);
   ParsedSource source(bytes);
   if (!source.message || part_path.empty()) return std::nullopt;
-  std::unique_ptr<GMimePartIter, PartIterRelease> iter(
-      g_mime_part_iter_new(GMIME_OBJECT(source.message.get())));
-  do {
-    GMimeObject* object = g_mime_part_iter_get_current(iter.get());
-    if (object == nullptr) break;
-    GString path(g_mime_part_iter_get_path(iter.get()));
-    if (path == nullptr || part_path != path.get()) continue;
+  auto extract = [&](GMimeObject* object) -> std::optional<std::string> {
     if (std::optional<ContentRange> range = RangeOf(source, object)) {
       std::string content;
       content.reserve(static_cast<size_t>(range->encoding == TransferEncoding::kBase64
@@ -827,6 +831,19 @@ std::optional<std::string> ExtractPart(std::string_view raw, const std::string& 
     if (GMIME_IS_MESSAGE_PART(object)) return AttachedMessage(GMIME_MESSAGE_PART(object));
     if (GMIME_IS_PART(object)) return DecodedContent(GMIME_PART(object));
     return std::nullopt;
+  };
+  GMimeObject* top = g_mime_message_get_mime_part(source.message.get());
+  if (GMIME_IS_MESSAGE_PART(top)) {
+    return part_path == kTopPartPath ? extract(top) : std::nullopt;
+  }
+  std::unique_ptr<GMimePartIter, PartIterRelease> iter(
+      g_mime_part_iter_new(GMIME_OBJECT(source.message.get())));
+  do {
+    GMimeObject* object = g_mime_part_iter_get_current(iter.get());
+    if (object == nullptr) break;
+    GString path(g_mime_part_iter_get_path(iter.get()));
+    if (path == nullptr || part_path != path.get()) continue;
+    return extract(object);
   } while (g_mime_part_iter_next(iter.get()));
   return std::nullopt;
 }
