@@ -51,6 +51,7 @@ bool IsImage(const std::string& mime_type) { return mime_type.find("image/") != 
 // Runs `argv[0]` with `argv` and waits: true when it exited with 0.
 bool RunAndWait(const std::vector<std::string>& argv) {
   std::vector<char*> args;
+  args.reserve(argv.size() + 1);
   for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
   args.push_back(nullptr);
   return VESLCExecv(argv[0].c_str(), args.data(), 1) == 0;
