@@ -20,6 +20,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "appliance/framework/cgi.h"
 #include "appliance/framework/host.h"
@@ -51,11 +52,15 @@ std::string PluginPath(const cgi::Environment& env) {
   return self.substr(0, self.rfind('/')) + "/../lib/liblarkpost_webapi.so";
 }
 
-// The declaration of one API, {"auth": "user"|"admin"|"custom", "methods":
-// {"1": ["getinfo", ...]}}, from larkpost.api.json beside the plug-in.
-// nullopt when the API is not declared; throws for a broken file.
-std::optional<Json::Value> FindDeclaration(const std::string& plugin_path, const std::string& api) {
+// The declaration file larkpost.api.json beside the plug-in, parsed. A
+// process reads it once (the preloaded host before it forks, so that its
+// children find it parsed, as they find the plug-in loaded). Throws for a
+// missing or broken file.
+const Json::Value& Declarations(const std::string& plugin_path) {
+  static std::string cached_path;
+  static Json::Value cached;
   const std::string path = plugin_path.substr(0, plugin_path.rfind('/') + 1) + "larkpost.api.json";
+  if (path == cached_path) return cached;
   std::ifstream file(path, std::ios::binary);
   if (!file) throw std::runtime_error("cannot read the API declaration " + path);
   const std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
@@ -63,6 +68,16 @@ std::optional<Json::Value> FindDeclaration(const std::string& plugin_path, const
   if (!ZEVO::WebAPIUtil::FromString(text, root) || !root.isObject()) {
     throw std::runtime_error("the API declaration " + path + " is not a JSON object");
   }
+  cached = std::move(root);
+  cached_path = path;
+  return cached;
+}
+
+// The declaration of one API, {"auth": "user"|"admin"|"custom", "methods":
+// {"1": ["getinfo", ...]}}. nullopt when the API is not declared; throws for
+// a broken file.
+std::optional<Json::Value> FindDeclaration(const std::string& plugin_path, const std::string& api) {
+  const Json::Value& root = Declarations(plugin_path);
   const Json::Value* declaration = root.find(api.data(), api.data() + api.size());
   if (declaration == nullptr) return std::nullopt;
   if (!declaration->isObject() || !(*declaration)["auth"].isString() ||
@@ -239,7 +254,9 @@ namespace larkpost::cgi {
 
 void PreloadPlugin() {
   try {
-    LoadPlugin(PluginPath(ProcessEnvironment()));
+    const std::string path = PluginPath(ProcessEnvironment());
+    LoadPlugin(path);
+    Declarations(path);
   } catch (const std::exception& e) {
     // Each request will meet the same failure and answer it.
     LogError(e.what());
