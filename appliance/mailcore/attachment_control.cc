@@ -1,4 +1,7 @@
+#include <unistd.h>
+
 #include <string>
+#include <vector>
 
 #include "appliance/mailcore/attachment_content.h"
 #include "appliance/mailcore/controller_impl.h"
@@ -16,6 +19,24 @@ using store::Statement;
 // another's; the domain part keeps them in the form that mail expects.
 constexpr int kContentIdLength = 16;
 constexpr char kContentIdDomain[] = "@larkpost";
+
+// An upload that no draft took within this time was abandoned (a closed
+// composer, a browser gone); it is dropped when the user uploads next.
+constexpr int64_t kTempAttachmentLifetime = 7 * 24 * 3600;
+
+// Deletes the records of abandoned uploads; returns their files, which go
+// once the change is committed.
+std::vector<std::string> DropAbandonedUploads(Database& db) {
+  std::vector<std::string> files;
+  Statement old(db, "SELECT path FROM attachment_temp WHERE created < ?1");
+  const int64_t cutoff = store::Now() - kTempAttachmentLifetime;
+  old.Bind(1, cutoff);
+  while (old.Step()) files.push_back(old.Text(0));
+  Statement drop(db, "DELETE FROM attachment_temp WHERE created < ?1");
+  drop.Bind(1, cutoff);
+  drop.Run();
+  return files;
+}
 
 }  // namespace
 
@@ -47,7 +68,9 @@ int AttachmentControl::AddAttachmentTemp(const AttachmentConfig& config, std::st
     insert.Bind(5, config.is_inline.IsSet() && config.is_inline.Get()).Bind(6, store::Now());
     insert.Run();
     int id = static_cast<int>(db.LastInsertRowid());
+    const std::vector<std::string> abandoned = DropAbandonedUploads(db);
     transaction.Commit();
+    for (const std::string& file : abandoned) unlink(file.c_str());
     content_id = id_text;
     return id;
   });

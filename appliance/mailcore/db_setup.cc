@@ -452,6 +452,9 @@ constexpr Migration kMigrations[] = {
      "INSERT INTO attachment_content(attachment_id, content)"
      " SELECT id, content FROM attachment WHERE content IS NOT NULL;"
      "ALTER TABLE attachment DROP COLUMN content;"},
+    {5,
+     // Uploads that no draft took are dropped after a while (by age).
+     "CREATE INDEX attachment_temp_created ON attachment_temp(created);"},
 };
 
 // The triggers of migration 2 name the built-in mailboxes by number.

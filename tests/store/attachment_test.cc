@@ -89,6 +89,28 @@ TEST_F(AttachmentTest, RecordsOfTemporaryAndStoredAttachments) {
   EXPECT_EQ(Inconsistencies(), Texts());
 }
 
+TEST_F(AttachmentTest, UploadsNoDraftTookAreDroppedAfterAWeek) {
+  auto upload = [&](const std::string& file) {
+    std::ofstream(file) << "bytes";
+    control::AttachmentConfig config;
+    config.name.Set("a.txt");
+    config.path.Set(file);
+    std::string cid;
+    return attachments_.AddAttachmentTemp(config, cid);
+  };
+  const std::string old_file = root_.path() + "/old-upload", new_file = root_.path() + "/new";
+  const int old_id = upload(old_file);
+  clock_.Advance(7 * 24 * 3600);
+  const int kept_id = upload(new_file);
+  EXPECT_TRUE(attachments_.GetTemp(old_id).IsValid()) << "a week old is not yet abandoned";
+  clock_.Advance(1);
+  upload(root_.path() + "/newest");
+  EXPECT_FALSE(attachments_.GetTemp(old_id).IsValid());
+  EXPECT_FALSE(std::ifstream(old_file).good()) << "its file went with it";
+  EXPECT_TRUE(attachments_.GetTemp(kept_id).IsValid());
+  EXPECT_TRUE(std::ifstream(new_file).good());
+}
+
 TEST_F(AttachmentTest, TheConnectionIsReallyLetGo) {
   std::weak_ptr<store::Database> before = store::Connection(uid_, false);
   controller().CloseDatabaseConnection();
