@@ -185,10 +185,10 @@ void DataRoot::WriteConfig(const std::string& json_text) const {
   std::ofstream(path_ + "/etc/larkpost.json") << json_text;
 }
 
-ProcessResult DataRoot::Ctl(const std::vector<std::string>& args) const {
+ProcessResult DataRoot::Ctl(const std::vector<std::string>& args, const std::string& input) const {
   std::vector<std::string> argv = {BinDir() + "/larkpostctl", "--root", path_};
   argv.insert(argv.end(), args.begin(), args.end());
-  return RunProcess(argv, {});
+  return RunProcess(argv, {}, input);
 }
 
 uint32_t DataRoot::AddUser(const std::string& name, const std::string& password, bool admin) const {

@@ -56,8 +56,9 @@ class DataRoot {
   const std::string& path() const { return path_; }
   // Writes <root>/etc/larkpost.json.
   void WriteConfig(const std::string& json_text) const;
-  // larkpostctl's result for `args` (after "--root <root>").
-  ProcessResult Ctl(const std::vector<std::string>& args) const;
+  // larkpostctl's result for `args` (after "--root <root>"), with `input`
+  // on its standard input.
+  ProcessResult Ctl(const std::vector<std::string>& args, const std::string& input = "") const;
   // Adds a user through larkpostctl and returns its uid.
   uint32_t AddUser(const std::string& name, const std::string& password, bool admin = false) const;
   // Runs `program` ("entry.cgi", "auth.cgi") as a CGI program.
