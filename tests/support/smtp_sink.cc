@@ -252,10 +252,8 @@ void SmtpSink::Converse(int fd) {
     size_t first = decoded.find('\0');
     size_t second = first == std::string::npos ? first : decoded.find('\0', first + 1);
     if (second == std::string::npos) return line.Write("501 5.5.2 Malformed AUTH PLAIN response");
-    session.auth_user = decoded.substr(first + 1, second - first - 1);
-    session.auth_password = decoded.substr(second + 1);
-    if (rules.refuse_auth ||
-        (session.auth_user != rules.user || session.auth_password != rules.password)) {
+    if (rules.refuse_auth || decoded.substr(first + 1, second - first - 1) != rules.user ||
+        decoded.substr(second + 1) != rules.password) {
       return line.Write("535 5.7.8 Authentication credentials invalid");
     }
     session.authenticated = true;
@@ -266,18 +264,13 @@ void SmtpSink::Converse(int fd) {
   std::string raw;
   while (line.Read(&raw)) {
     const std::string command = Trimmed(raw);
-    session.commands.push_back(command);
     const size_t blank = command.find(' ');
     const std::string verb = Lower(command.substr(0, blank));
     const std::string argument = blank == std::string::npos ? "" : command.substr(blank + 1);
     bool ok = true;
     if (verb == "ehlo") {
-      session.hello = argument;
       ok = line.Write("250-sink.localhost") && (!offer_auth || line.Write("250-AUTH PLAIN")) &&
            line.Write("250 8BITMIME");
-    } else if (verb == "helo") {
-      session.hello = argument;
-      ok = line.Write("250 sink.localhost");
     } else if (verb == "auth") {
       if (!offer_auth) {
         ok = line.Write("502 5.5.1 AUTH not offered");
@@ -288,11 +281,7 @@ void SmtpSink::Converse(int fd) {
       } else {
         std::string response;
         ok = line.Write("334 ") && line.Read(&response);
-        if (ok) {
-          session.commands.push_back(Trimmed(response));
-          ok = Trimmed(response) == "*" ? line.Write("501 5.7.0 Authentication cancelled")
-                                        : login(Trimmed(response));
-        }
+        ok = ok && login(Trimmed(response));
       }
     } else if (verb == "mail" && StartsWithNoCase(argument, "FROM:")) {
       if (rules.require_auth && !session.authenticated) {
@@ -308,7 +297,6 @@ void SmtpSink::Converse(int fd) {
       if (!in_transaction) {
         ok = line.Write("503 5.5.1 Error: need MAIL command");
       } else if (rules.refused_recipients.count(Lower(address)) != 0) {
-        session.refused.push_back(address);
         ok = line.Write("550 5.1.1 <" + address + ">: Recipient address rejected: User unknown");
       } else {
         session.rcpt_to.push_back(address);
@@ -336,15 +324,7 @@ void SmtpSink::Converse(int fd) {
           ok = line.Write("250 2.0.0 Ok: queued as SINK1");
         }
       }
-    } else if (verb == "rset") {
-      session.mail_from.clear();
-      session.rcpt_to.clear();
-      in_transaction = false;
-      ok = line.Write("250 2.0.0 Ok");
-    } else if (verb == "noop") {
-      ok = line.Write("250 2.0.0 Ok");
     } else if (verb == "quit") {
-      session.quit = true;
       Record(index, session);
       line.Write("221 2.0.0 Bye");
       return;

@@ -1,6 +1,6 @@
 // A small SMTP server on loopback for tests: it accepts every connection on
 // 127.0.0.1 (one at a time, in a thread of its own), speaks enough ESMTP for
-// a real client (EHLO/HELO, AUTH PLAIN, MAIL, RCPT, DATA, RSET, NOOP, QUIT)
+// the client under test (EHLO, AUTH PLAIN, MAIL, RCPT, DATA, QUIT)
 // and records what each session carried. It never relays anything. How it
 // answers can be changed between sessions: refuse a recipient, refuse every
 // login, require a login, refuse the message after DATA, or stall.
@@ -17,17 +17,11 @@ namespace larkpost::testing {
 
 // What one connection carried, in the order it came.
 struct SmtpSession {
-  std::string hello;                  // the argument of EHLO or HELO
-  std::vector<std::string> commands;  // every command line, without CRLF
   bool authenticated = false;
-  std::string auth_user;  // from AUTH PLAIN, whether or not it was accepted
-  std::string auth_password;
   std::string mail_from;             // the MAIL FROM address, without <>
   std::vector<std::string> rcpt_to;  // accepted RCPT TO addresses, without <>
-  std::vector<std::string> refused;  // refused RCPT TO addresses
   std::string data;       // the message, dot-stuffing undone, CRLF kept, without the final "."
   bool accepted = false;  // the message was taken (250 after DATA)
-  bool quit = false;      // the client said QUIT
 };
 
 class SmtpSink {
