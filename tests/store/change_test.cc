@@ -8,8 +8,6 @@
 namespace ornic::larkpost::testing {
 namespace {
 
-using Ids = std::vector<int>;
-
 // One conversation in the inbox (m1, its reply m2, and a draft answering m2
 // in Drafts) and a message u of its own in the inbox, labelled.
 class ChangeTest : public StoreTest {
@@ -50,22 +48,6 @@ class ChangeTest : public StoreTest {
     for (int id : messages) out.push_back(MailboxOf(id));
     return out;
   }
-  // The whole store as text, to show that a refused change changed nothing.
-  std::string Snapshot() {
-    std::string text;
-    for (const char* sql :
-         {"SELECT group_concat(id || ':' || mailbox_id || ':' || thread_id || ':' || is_read ||"
-          " ':' || star || ':' || last_modified, ' ') FROM message",
-          "SELECT group_concat(id || ':' || message_count || ':' || unread_count, ' ') FROM "
-          "mailbox",
-          "SELECT group_concat(thread_id || ':' || label_id, ' ') FROM thread_label",
-          "SELECT group_concat(id || ':' || last_modified, ' ') FROM thread"}) {
-      store::Statement statement(db(), sql);
-      statement.Step();
-      text += statement.Text(0) + "\n";
-    }
-    return text;
-  }
 
   control::ThreadControl threads_{controller()};
   control::MessageControl messages_{controller()};
@@ -77,7 +59,7 @@ TEST_F(ChangeTest, DeletingMovesToTrashThenDeletesForGood) {
   ASSERT_TRUE(threads_.DeleteTrash({thread_}));
   EXPECT_EQ(Mailboxes({m1_, m2_, draft_, u_}), (Ids{kTrash, kTrash, kTrash, kInbox}));
   EXPECT_EQ(threads_.List({thread_}).at(0).last_modified, clock_.now());
-  EXPECT_EQ(Inconsistencies(), std::vector<std::string>());
+  EXPECT_EQ(Inconsistencies(), Texts());
 
   ASSERT_TRUE(threads_.DeleteTrash({thread_}));
   EXPECT_EQ(Mailboxes({m1_, m2_, draft_, u_}), (Ids{0, 0, 0, kInbox}));
@@ -92,7 +74,7 @@ TEST_F(ChangeTest, DeletingMovesToTrashThenDeletesForGood) {
     EXPECT_EQ(Query(std::string("SELECT count(*) FROM ") + table), rows) << table;
   }
   EXPECT_EQ(Query("SELECT count(*) FROM message_fts WHERE message_fts MATCH 'hello'"), 0);
-  EXPECT_EQ(Inconsistencies(), std::vector<std::string>());
+  EXPECT_EQ(Inconsistencies(), Texts());
   EXPECT_FALSE(threads_.DeleteTrash({thread_}));
 }
 
@@ -101,7 +83,7 @@ TEST_F(ChangeTest, MovingAThreadLeavesItsDrafts) {
   EXPECT_EQ(Mailboxes({m1_, m2_, draft_, u_}), (Ids{kArchived, kArchived, kDrafts, kInbox}));
   EXPECT_EQ(threads_.GetExistingThread({thread_}, kInbox, {}), Ids{});
   EXPECT_EQ(threads_.GetExistingThread({thread_}, kArchived, {}), Ids{thread_});
-  EXPECT_EQ(Inconsistencies(), std::vector<std::string>());
+  EXPECT_EQ(Inconsistencies(), Texts());
 }
 
 TEST_F(ChangeTest, TrashRuleHoldsForMessagesAndPartlyTrashedThreads) {
@@ -114,7 +96,7 @@ TEST_F(ChangeTest, TrashRuleHoldsForMessagesAndPartlyTrashedThreads) {
   EXPECT_EQ(Mailboxes({m1_, m2_, draft_, u_}), (Ids{kTrash, 0, kTrash, 0}));
   ASSERT_TRUE(messages_.SetMailbox({m1_}, kInbox));
   EXPECT_EQ(MailboxOf(m1_), kInbox);
-  EXPECT_EQ(Inconsistencies(), std::vector<std::string>());
+  EXPECT_EQ(Inconsistencies(), Texts());
 }
 
 TEST_F(ChangeTest, FlagsChangeOnlyWhatDiffersAndKeepCountersRight) {
@@ -127,12 +109,12 @@ TEST_F(ChangeTest, FlagsChangeOnlyWhatDiffersAndKeepCountersRight) {
   EXPECT_EQ(control::LabelControl(controller()).Get({label_}, true).at(0).unread_count, 2);
   ASSERT_TRUE(messages_.SetStarByID({m2_, u_}, 3));
   EXPECT_EQ(threads_.List({thread_}).at(0).messages.at(1).star, 3);
-  EXPECT_EQ(Inconsistencies(), std::vector<std::string>());
+  EXPECT_EQ(Inconsistencies(), Texts());
   ASSERT_TRUE(messages_.SetReadByThreadID({thread_, ThreadOf(u_)}, false));
   EXPECT_EQ(Query("SELECT count(*) FROM message WHERE is_read = 0"), 4);  // the draft too
-  EXPECT_EQ(Inconsistencies(), std::vector<std::string>());
+  EXPECT_EQ(Inconsistencies(), Texts());
   ASSERT_TRUE(messages_.SetStarByID({u_}, 0));
-  EXPECT_EQ(Inconsistencies(), std::vector<std::string>());
+  EXPECT_EQ(Inconsistencies(), Texts());
 }
 
 TEST_F(ChangeTest, AnUnknownIdOrTargetRefusesTheWholeChange) {
@@ -199,7 +181,7 @@ TEST_F(ChangeTest, EmptyingAMailboxTouchesNoOther) {
   ASSERT_TRUE(messages_.DeleteByMailbox(kJunk));
   EXPECT_EQ(Mailboxes({m1_, m2_, draft_, u_}), (Ids{kInbox, 0, kDrafts, kInbox}));
   ASSERT_TRUE(messages_.DeleteByMailbox(kJunk));  // nothing left: still fine
-  EXPECT_EQ(Inconsistencies(), std::vector<std::string>());
+  EXPECT_EQ(Inconsistencies(), Texts());
 }
 
 TEST_F(ChangeTest, RecountingFindsTheKeptCountersRight) {

@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "appliance/mailcore/draft_store.h"
@@ -10,36 +11,20 @@
 namespace ornic::larkpost::testing {
 namespace {
 
-using Ids = std::vector<int>;
-using Texts = std::vector<std::string>;
+using namespace std::string_literals;
 
 // A received message with a listed attachment (bytes 00 01 02 03 ff, part
 // "2") and an inline image (part "3", content id "logo@example.org").
 const char kReceived[] =
-    "From: Ann <ann@example.org>\r\n"
-    "To: Bob <bob@example.org>\r\n"
-    "Subject: Report\r\n"
-    "Message-ID: <r2@example.org>\r\n"
-    "MIME-Version: 1.0\r\n"
-    "Content-Type: multipart/mixed; boundary=\"b\"\r\n"
-    "\r\n"
-    "--b\r\n"
-    "Content-Type: text/plain\r\n"
-    "\r\n"
-    "See attached.\r\n"
-    "--b\r\n"
-    "Content-Type: application/octet-stream; name=\"data.bin\"\r\n"
+    "From: Ann <ann@example.org>\r\nTo: Bob <bob@example.org>\r\nSubject: Report\r\n"
+    "Message-ID: <r2@example.org>\r\nMIME-Version: 1.0\r\n"
+    "Content-Type: multipart/mixed; boundary=\"b\"\r\n\r\n"
+    "--b\r\nContent-Type: text/plain\r\n\r\nSee attached.\r\n"
+    "--b\r\nContent-Type: application/octet-stream; name=\"data.bin\"\r\n"
     "Content-Disposition: attachment; filename=\"data.bin\"\r\n"
-    "Content-Transfer-Encoding: base64\r\n"
-    "\r\n"
-    "AAECA/8=\r\n"
-    "--b\r\n"
-    "Content-Type: image/png; name=\"logo.png\"\r\n"
-    "Content-ID: <logo@example.org>\r\n"
-    "Content-Disposition: inline\r\n"
-    "Content-Transfer-Encoding: base64\r\n"
-    "\r\n"
-    "iVBORw==\r\n"
+    "Content-Transfer-Encoding: base64\r\n\r\nAAECA/8=\r\n"
+    "--b\r\nContent-Type: image/png; name=\"logo.png\"\r\nContent-ID: <logo@example.org>\r\n"
+    "Content-Disposition: inline\r\nContent-Transfer-Encoding: base64\r\n\r\niVBORw==\r\n"
     "--b--\r\n";
 const std::string kData("\x00\x01\x02\x03\xff", 5);
 const std::string kLogo("\x89PNG", 4);
@@ -65,22 +50,6 @@ class DraftTest : public StoreTest {
     other_ = Add(other);
   }
 
-  // A file under the data root holding `content`, registered as a temporary
-  // attachment; returns its id.
-  int Upload(const std::string& name, const std::string& content, bool is_inline = false,
-             std::string* content_id = nullptr) {
-    std::string relative = "uploads/" + std::to_string(++uploads_);
-    root_.Write(relative, content);
-    control::AttachmentConfig config;
-    config.name.Set(name);
-    config.path.Set(root_.path() + "/" + relative);
-    config.is_inline.Set(is_inline);
-    std::string id_text;
-    int id = attachments_.AddAttachmentTemp(config, id_text);
-    if (content_id != nullptr) *content_id = id_text;
-    return id;
-  }
-
   control::MessageConfig NewDraft(const std::string& subject = "Plans") {
     control::MessageConfig config;
     config.from.Set("Alice <alice@example.org>");
@@ -92,77 +61,39 @@ class DraftTest : public StoreTest {
     return config;
   }
 
-  // The draft's attachments as "name:content" in stored order.
-  Texts Contents(int message_id) {
-    Texts out;
-    for (const record::Attachment& attachment : messages_.GetMessage(message_id).attachments) {
-      out.push_back(attachment.name + ":" + attachments_.GetContentByRecord(attachment));
-    }
-    return out;
-  }
-
-  // What a failed change must leave as it was.
-  std::string Snapshot() {
-    std::string text;
-    for (const char* sql :
-         {"SELECT group_concat(id || ':' || mailbox_id || ':' || thread_id || ':' || subject || "
-          "':' || to_text || ':' || last_modified, ' ') FROM message",
-          "SELECT group_concat(message_id || ':' || html, ' ') FROM message_body",
-          "SELECT group_concat(id || ':' || message_id || ':' || name, ' ') FROM attachment",
-          "SELECT group_concat(id || ':' || path, ' ') FROM attachment_temp",
-          "SELECT group_concat(id || ':' || message_count, ' ') FROM mailbox"}) {
-      store::Statement statement(db(), sql);
-      statement.Step();
-      text += statement.Text(0) + "\n";
-    }
-    return text;
-  }
-
-  int64_t Count(const std::string& sql) { return Query(sql); }
-
   control::MessageControl messages_{controller()};
   control::AttachmentControl attachments_{controller()};
-  int r1_ = 0, r2_ = 0, other_ = 0, uploads_ = 0;
+  int r1_ = 0, r2_ = 0, other_ = 0;
 };
 
-TEST_F(DraftTest, ANewDraftIsStoredInDraftsWithItsFields) {
+TEST_F(DraftTest, ANewDraftIsStoredInDraftsAndChangedFieldByField) {
   int id = messages_.CreateDraft(NewDraft());
   record::FullMessage draft = messages_.GetFullMessage(id);
   ASSERT_TRUE(draft.IsValid());
-  EXPECT_EQ(draft.type, 1);
-  EXPECT_EQ(draft.mailbox_id, kDrafts);
-  EXPECT_TRUE(draft.read);
-  EXPECT_EQ(draft.arrival_time, clock_.now());
-  EXPECT_EQ(draft.from, "Alice <alice@example.org>");
-  EXPECT_EQ(draft.to, (Texts{"Bob <bob@example.org>", "carol@example.org"}));
-  EXPECT_EQ(draft.cc, Texts{"Dan <dan@example.org>"});
-  EXPECT_EQ(draft.bcc, Texts{"eve@example.org"});
-  EXPECT_EQ(draft.html_body, "<p>Hello <b>Bob</b></p><p>See you</p>");
+  EXPECT_EQ(std::make_tuple(draft.type, draft.mailbox_id, draft.read, draft.arrival_time),
+            std::make_tuple(1, kDrafts, true, clock_.now()));
+  EXPECT_EQ(std::tie(draft.from, draft.to, draft.cc, draft.bcc, draft.html_body),
+            std::make_tuple("Alice <alice@example.org>"s,
+                            Texts{"Bob <bob@example.org>", "carol@example.org"},
+                            Texts{"Dan <dan@example.org>"}, Texts{"eve@example.org"},
+                            "<p>Hello <b>Bob</b></p><p>See you</p>"s));
   EXPECT_EQ(draft.plain_body.find('<'), std::string::npos) << draft.plain_body;
   EXPECT_NE(draft.plain_body.find("Hello Bob"), std::string::npos) << draft.plain_body;
   EXPECT_EQ(draft.body_preview.substr(0, 9), "Hello Bob");
   // A new draft starts its own thread even when a thread has its subject.
-  EXPECT_NE(messages_.CreateDraft(NewDraft("Report")), 0);
-  EXPECT_NE(draft.thread_id, ThreadOf(r1_));
+  EXPECT_NE(ThreadOf(messages_.CreateDraft(NewDraft("Report"))), ThreadOf(r1_));
   EXPECT_EQ(Query("SELECT draft_count FROM mailbox WHERE id = 2"), 2);
-  EXPECT_EQ(Inconsistencies(), Texts());
-}
 
-TEST_F(DraftTest, ChangingADraftTouchesOnlyTheFieldsThatAreSet) {
-  int id = messages_.CreateDraft(NewDraft());
   clock_.Advance(60);
   control::MessageConfig change;
   change.to.Set({});
   change.subject.Set("New plans");
   ASSERT_TRUE(messages_.ModifyDraft(id, change));
-  record::FullMessage draft = messages_.GetFullMessage(id);
-  EXPECT_EQ(draft.to, Texts());
-  EXPECT_EQ(draft.subject, "New plans");
-  EXPECT_EQ(draft.cc, Texts{"Dan <dan@example.org>"});
-  EXPECT_EQ(draft.bcc, Texts{"eve@example.org"});
-  EXPECT_EQ(draft.from, "Alice <alice@example.org>");
-  EXPECT_EQ(draft.html_body, "<p>Hello <b>Bob</b></p><p>See you</p>");
-  EXPECT_EQ(draft.last_modified, clock_.now());
+  record::FullMessage changed = messages_.GetFullMessage(id);
+  EXPECT_EQ(std::tie(changed.to, changed.subject, changed.last_modified),
+            std::make_tuple(Texts(), "New plans"s, clock_.now()));
+  EXPECT_EQ(std::tie(changed.from, changed.cc, changed.bcc, changed.html_body),
+            std::tie(draft.from, draft.cc, draft.bcc, draft.html_body));
   // The new subject is searchable, the old one is not.
   control::SearchControl search(controller());
   search.SetConditions({{constant::kConditionKeyword, "keyword", "New plans", false}}, false);
@@ -324,6 +255,8 @@ TEST_F(DraftTest, DeletingDraftsRefusesOtherMessages) {
   EXPECT_EQ(Inconsistencies(), Texts());
 }
 
+// Sending itself (the copy's mailbox, thread, flags and source) is the send
+// tests' business; here, what only the store decides.
 TEST_F(DraftTest, TheSentCopyTakesTheDraftsPlace) {
   control::MessageConfig config = NewDraft("Re: Report");
   config.refer_to.Set(r2_);
@@ -332,36 +265,23 @@ TEST_F(DraftTest, TheSentCopyTakesTheDraftsPlace) {
   int draft_id = messages_.CreateDraft(config);
   store::Draft draft;
   ASSERT_TRUE(store::LoadDraft(controller(), draft_id, &draft));
-  EXPECT_EQ(draft.subject, "Re: Report");
-  EXPECT_EQ(draft.bcc, Texts{"eve@example.org"});
+  EXPECT_EQ(std::tie(draft.subject, draft.bcc),
+            std::make_tuple("Re: Report"s, Texts{"eve@example.org"}));
   ASSERT_EQ(draft.attachments.size(), 1u);
   EXPECT_EQ(draft.attachments[0].size, 5);
-  EXPECT_EQ(store::ReadDraftAttachment(controller(), draft_id, draft.attachments[0].id), "alpha");
   EXPECT_EQ(CodeOf([&] { store::ReadDraftAttachment(controller(), r2_, draft.attachments[0].id); }),
             kErrorNotFound);
   EXPECT_FALSE(store::LoadDraft(controller(), r2_, &draft));
 
   store::NewMessage sent;
-  sent.from = "Alice <alice@example.org>";
-  sent.to = {"Bob <bob@example.org>"};
   sent.subject = "Re: Report";
   sent.rfc_message_id = "s1@example.org";
   sent.in_reply_to = "r2@example.org";
-  sent.references = {"r1@example.org", "r2@example.org"};
-  sent.plain_body = "Thanks";
-  sent.attachments = {Part("a.txt", "text/plain", "", false, 5, "2")};
   sent.raw = "Subject: Re: Report\r\n\r\nThanks";
   clock_.Advance(30);
   int sent_id = store::StoreSentCopy(controller(), draft_id, sent);
   record::FullMessage copy = messages_.GetFullMessage(sent_id);
-  EXPECT_EQ(copy.mailbox_id, kSent);
-  EXPECT_EQ(copy.type, 0);
-  EXPECT_TRUE(copy.read);
-  EXPECT_EQ(copy.thread_id, ThreadOf(r2_));
-  EXPECT_EQ(copy.reply_to, r2_);
-  EXPECT_EQ(copy.arrival_time, clock_.now());
-  EXPECT_EQ(messages_.OriginalContent(sent_id), sent.raw);
-  EXPECT_FALSE(messages_.GetMessage(draft_id).IsValid());
+  EXPECT_EQ(std::make_tuple(copy.reply_to, copy.arrival_time), std::make_tuple(r2_, clock_.now()));
   EXPECT_EQ(CodeOf([&] { store::StoreSentCopy(controller(), draft_id, sent); }), kErrorNotFound);
   EXPECT_EQ(Query("SELECT count(*) FROM message WHERE mailbox_id = 3"), 1);
   EXPECT_EQ(Inconsistencies(), Texts());

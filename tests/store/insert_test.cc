@@ -43,7 +43,7 @@ TEST_P(ThreadingTest, MessagesJoinTheirThreads) {
           << "mails " << i << " and " << j;
     }
   }
-  EXPECT_EQ(Inconsistencies(), std::vector<std::string>());
+  EXPECT_EQ(Inconsistencies(), Texts());
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -95,7 +95,7 @@ TEST_F(StoreTest, MergedThreadsKeepEveryLabel) {
   EXPECT_EQ(merged[0].labels.size(), 2u);
   EXPECT_EQ(control::LabelControl(controller()).Get({first}, true).at(0).unread_count, 3);
   EXPECT_EQ(Query("SELECT count(*) FROM thread"), 1);
-  EXPECT_EQ(Inconsistencies(), std::vector<std::string>());
+  EXPECT_EQ(Inconsistencies(), Texts());
 }
 
 TEST_F(StoreTest, AMessageIsStoredWholeAndReadBackAsItCame) {

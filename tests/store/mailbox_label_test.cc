@@ -144,7 +144,7 @@ TEST_F(MailboxTest, DeleteTakesTheSubtreeAndItsMessagesForGood) {
   EXPECT_EQ(Query("SELECT count(*) FROM message"), 1);  // b, in Keep
   EXPECT_EQ(control::ThreadControl(controller()).List({ThreadOf(b)}).at(0).messages.size(), 1u);
   EXPECT_EQ(Query("SELECT count(*) FROM message_body WHERE message_id = " + std::to_string(a)), 0);
-  EXPECT_EQ(Inconsistencies(), std::vector<std::string>());
+  EXPECT_EQ(Inconsistencies(), Texts());
 }
 
 class LabelTest : public StoreTest {
@@ -224,7 +224,7 @@ TEST_F(LabelTest, UnreadCountsFollowThreadsAndReading) {
   ASSERT_TRUE(threads.RemoveLabel({ThreadOf(a)}, {label}));
   ASSERT_TRUE(messages.SetReadByID({a}, false));
   EXPECT_EQ(unread(), 0);
-  EXPECT_EQ(Inconsistencies(), std::vector<std::string>());
+  EXPECT_EQ(Inconsistencies(), Texts());
 }
 
 }  // namespace

@@ -188,7 +188,7 @@ TEST_F(StoreTest, KeptListsAndTheGeneralQueryAgreeWithABruteForceOracle) {
         messages.SetMailbox({id}, mailboxes[pick(6)]);
     }
   }
-  ASSERT_EQ(Inconsistencies(), std::vector<std::string>());
+  ASSERT_EQ(Inconsistencies(), Texts());
 
   std::vector<Row> rows;
   store::Statement all(db(), "SELECT thread_id, mailbox_id, star, arrival_time FROM message");

@@ -25,6 +25,8 @@ namespace ornic::larkpost::testing {
 constexpr int kInbox = 1, kDrafts = 2, kSent = 3, kArchived = 4, kJunk = 5, kTrash = 6,
               kStarred = 7;
 constexpr int64_t kDay = 24 * 3600;
+using Ids = std::vector<int>;
+using Texts = std::vector<std::string>;
 
 template <typename Body>
 int32_t CodeOf(Body&& body) {
@@ -120,9 +122,60 @@ class StoreTest : public ::testing::Test {
     return control::LabelControl(controller()).Create(config);
   }
 
+  // A file below the data root holding `content`, registered as a temporary
+  // attachment; its content id in `*content_id`.
+  int Upload(const std::string& name, const std::string& content, bool is_inline = false,
+             std::string* content_id = nullptr) {
+    const std::string relative = "uploads/" + std::to_string(++uploads_);
+    root_.Write(relative, content);
+    control::AttachmentConfig config;
+    config.name.Set(name);
+    config.path.Set(root_.path() + "/" + relative);
+    config.is_inline.Set(is_inline);
+    std::string id_text;
+    int id = control::AttachmentControl(controller()).AddAttachmentTemp(config, id_text);
+    if (content_id != nullptr) *content_id = id_text;
+    return id;
+  }
+
+  // Every attachment of the message as "name:content" in stored order, each
+  // checked against its recorded size.
+  std::vector<std::string> Contents(int message_id) {
+    control::AttachmentControl attachments(controller());
+    std::vector<std::string> out;
+    for (const record::Attachment& attachment :
+         control::MessageControl(controller()).GetMessage(message_id).attachments) {
+      const std::string content = attachments.GetContentByRecord(attachment);
+      EXPECT_EQ(attachment.size, static_cast<int64_t>(content.size())) << attachment.name;
+      out.push_back(attachment.name + ":" + content);
+    }
+    return out;
+  }
+
   int ThreadOf(int message_id) {
     return static_cast<int>(
         Query("SELECT thread_id FROM message WHERE id = " + std::to_string(message_id)));
+  }
+
+  // The store as text, to show that a refused change changed nothing.
+  std::string Snapshot() {
+    std::string text;
+    for (const char* sql :
+         {"SELECT group_concat(id || ':' || mailbox_id || ':' || thread_id || ':' || is_read ||"
+          " ':' || star || ':' || subject || ':' || to_text || ':' || last_modified, ' ')"
+          " FROM message",
+          "SELECT group_concat(message_id || ':' || html, ' ') FROM message_body",
+          "SELECT group_concat(id || ':' || message_id || ':' || name, ' ') FROM attachment",
+          "SELECT group_concat(id || ':' || path, ' ') FROM attachment_temp",
+          "SELECT group_concat(id || ':' || message_count || ':' || unread_count, ' ') FROM "
+          "mailbox",
+          "SELECT group_concat(thread_id || ':' || label_id, ' ') FROM thread_label",
+          "SELECT group_concat(id || ':' || last_modified, ' ') FROM thread"}) {
+      store::Statement statement(db(), sql);
+      statement.Step();
+      text += statement.Text(0) + "\n";
+    }
+    return text;
   }
 
   // Everything the store keeps beside the messages, recomputed from them;
@@ -181,6 +234,7 @@ class StoreTest : public ::testing::Test {
   ::larkpost::testing::FakeClock clock_{1700000000};
   uint32_t uid_ = 0;
   std::unique_ptr<control::Controller> controller_;
+  int uploads_ = 0;
 };
 
 }  // namespace ornic::larkpost::testing
