@@ -19,7 +19,6 @@
 #include "platform/mailcore/control.h"
 #include "platform/mailcore/controller.h"
 #include "platform/mailcore/db_setup.h"
-#include "platform/mailcore/sync.h"
 #include "tests/system/temp_root.h"
 
 namespace ornic::larkpost {
@@ -65,13 +64,6 @@ class LarkpostctlMailTest : public ::testing::Test {
     return Ctl("deliver " + words, root_.path() + "/input.eml");
   }
 
-  // The store as the web client's first call leaves it.
-  control::Controller& SetUpStore() {
-    EXPECT_TRUE(db::DBSetupHandler(uid_).SetupDB());
-    control::MailboxSyncer::CheckDefaultMailbox(controller_);
-    return controller_;
-  }
-
   // Every stored message (ids are small numbers in a fresh store).
   std::vector<record::FullMessage> Messages() {
     std::vector<int> ids;
@@ -94,7 +86,7 @@ class LarkpostctlMailTest : public ::testing::Test {
 
 constexpr int kInbox = control::DefaultMailbox::id<constant::kInbox>();
 
-TEST_F(LarkpostctlMailTest, DeliverCreatesTheStoreAndStoresIntoTheInboxAsItArrivesNow) {
+TEST_F(LarkpostctlMailTest, DeliverCreatesTheStoreAndFindsAMailboxByItsUtf8Path) {
   EXPECT_FALSE(db::DBSetupHandler(uid_).DoesDBExist());
   const std::string raw = Fixture("related_inline.eml");
   int64_t before = time(nullptr);
@@ -103,16 +95,13 @@ TEST_F(LarkpostctlMailTest, DeliverCreatesTheStoreAndStoresIntoTheInboxAsItArriv
   ASSERT_EQ(delivered.status, 0) << delivered.err;
   int id = std::stoi(delivered.out);
   EXPECT_EQ(delivered.out, std::to_string(id) + "\n");
-
-  EXPECT_TRUE(db::DBSetupHandler(uid_).DoesDBExist());
   std::map<int, record::Mailbox> mailboxes = Mailboxes();
   EXPECT_EQ(mailboxes.size(), static_cast<size_t>(constant::kBuiltinMailboxCount));
   EXPECT_EQ(mailboxes[kInbox].unread_count, 1);
-
   // What the parser reads from it is the parser's tests' business; here:
   // it got there whole, with its parts, unread, as of delivery time.
-  std::vector<record::FullMessage> stored =
-      control::MessageControl(controller_).GetFullMessages({id});
+  control::MessageControl messages(controller_);
+  std::vector<record::FullMessage> stored = messages.GetFullMessages({id});
   ASSERT_EQ(stored.size(), 1u);
   const record::FullMessage& message = stored[0];
   EXPECT_EQ(std::make_tuple(message.mailbox_id, message.subject, message.read,
@@ -120,49 +109,21 @@ TEST_F(LarkpostctlMailTest, DeliverCreatesTheStoreAndStoresIntoTheInboxAsItArriv
             std::make_tuple(kInbox, std::string("Our new logo"), false, size_t{4}, size_t{2}));
   EXPECT_GE(message.arrival_time, before);
   EXPECT_LE(message.arrival_time, after);
-  EXPECT_EQ(control::MessageControl(controller_).OriginalContent(id), raw);
-}
+  EXPECT_EQ(messages.OriginalContent(id), raw);
 
-TEST_F(LarkpostctlMailTest, DeliverFindsAMailboxByItsUtf8Path) {
-  control::MailboxControl mailboxes(SetUpStore());
-  int work = mailboxes.Create(0, "Work", true);
-  int ete = mailboxes.Create(work, "Été", true);
+  control::MailboxControl folders(controller_);
+  int work = folders.Create(0, "Work", true);
+  int ete = folders.Create(work, "Été", true);
   ASSERT_GT(ete, 0);
-  const std::string raw = Fixture("thread/1.eml");
-
   for (const auto& [words, mailbox] :
        {std::pair{"ann --mailbox Work/Été", ete}, std::pair{"--mailbox=Work ann", work},
         std::pair{"ann --mailbox inbox", kInbox}}) {
-    Result delivered = Deliver(words, raw);
+    delivered = Deliver(words, Fixture("thread/1.eml"));
     ASSERT_EQ(delivered.status, 0) << words << ": " << delivered.err;
-    std::vector<record::FullMessage> stored =
-        control::MessageControl(controller_).GetFullMessages({std::stoi(delivered.out)});
+    stored = messages.GetFullMessages({std::stoi(delivered.out)});
     ASSERT_EQ(stored.size(), 1u) << words;
     EXPECT_EQ(stored[0].mailbox_id, mailbox) << words;
   }
-}
-
-TEST_F(LarkpostctlMailTest, DeliverRefusalsStoreNothing) {
-  const std::string raw = Fixture("thread/1.eml");
-  const struct {
-    std::string words, input, error;
-  } rows[] = {
-      {"bob", raw, "no user bob"},
-      {"ann --mailbox Nowhere", raw, "no mailbox Nowhere"},
-      {"ann --mailbox Starred", raw, "Starred"},
-      {"ann", "", "no message on standard input"},
-      {"ann", "\n\r\n  \n", "no message on standard input"},
-      {"", raw, "NAME is missing"},
-      {"ann extra", raw, "unexpected extra"},
-      {"ann --mailbox", raw, "--mailbox needs a value"},
-  };
-  for (const auto& row : rows) {
-    Result refused = Deliver(row.words, row.input);
-    EXPECT_EQ(refused.status, 1) << row.words;
-    EXPECT_EQ(refused.out, "") << row.words;
-    EXPECT_THAT(refused.err, HasSubstr(row.error)) << row.words;
-  }
-  EXPECT_TRUE(Messages().empty());
 }
 
 TEST_F(LarkpostctlMailTest, ImportReadsMboxMaildirAndMessageFilesWithTheirFlags) {
@@ -205,20 +166,33 @@ TEST_F(LarkpostctlMailTest, ImportReadsMboxMaildirAndMessageFilesWithTheirFlags)
   EXPECT_EQ(mailboxes[kInbox].unread_count, 8);
 }
 
-TEST_F(LarkpostctlMailTest, ImportLooksAtEverySourceBeforeStoringAny) {
-  for (const auto& [words, error] :
-       {std::pair{"import ann " + kFixtures + "/archive.mbox " + kFixtures + "/missing.mbox",
-                  kFixtures + "/missing.mbox: No such file"},
-        std::pair{"import ann " + kFixtures + "/archive.mbox " + kFixtures + "/thread",
-                  std::string("not a Maildir")},
-        std::pair{"import ann --mailbox Nowhere " + kFixtures + "/archive.mbox",
-                  std::string("no mailbox Nowhere")},
-        std::pair{"import bob " + kFixtures + "/archive.mbox", std::string("no user bob")},
-        std::pair{std::string("import ann"), std::string("no SOURCE given")}}) {
-    Result refused = Ctl(words);
-    EXPECT_EQ(refused.status, 1) << words;
-    EXPECT_EQ(refused.out, "") << words;
-    EXPECT_THAT(refused.err, HasSubstr(error)) << words;
+// An import looks at every source before storing any.
+TEST_F(LarkpostctlMailTest, RefusalsStoreNothing) {
+  const std::string raw = Fixture("thread/1.eml"), mbox = kFixtures + "/archive.mbox ";
+  const struct {
+    std::string words, input, error;  // deliver reads `input`, import no input
+  } rows[] = {
+      {"deliver bob", raw, "no user bob"},
+      {"deliver ann --mailbox Nowhere", raw, "no mailbox Nowhere"},
+      {"deliver ann --mailbox Starred", raw, "Starred"},
+      {"deliver ann", "", "no message on standard input"},
+      {"deliver ann", "\n\r\n  \n", "no message on standard input"},
+      {"deliver", raw, "NAME is missing"},
+      {"deliver ann extra", raw, "unexpected extra"},
+      {"deliver ann --mailbox", raw, "--mailbox needs a value"},
+      {"import ann " + mbox + kFixtures + "/missing.mbox", "",
+       kFixtures + "/missing.mbox: No such file"},
+      {"import ann " + mbox + kFixtures + "/thread", "", "not a Maildir"},
+      {"import ann --mailbox Nowhere " + mbox, "", "no mailbox Nowhere"},
+      {"import bob " + mbox, "", "no user bob"},
+      {"import ann", "", "no SOURCE given"},
+  };
+  for (const auto& row : rows) {
+    root_.Write("input.eml", row.input);
+    Result refused = Ctl(row.words, root_.path() + "/input.eml");
+    EXPECT_EQ(refused.status, 1) << row.words;
+    EXPECT_EQ(refused.out, "") << row.words;
+    EXPECT_THAT(refused.err, HasSubstr(row.error)) << row.words;
   }
   EXPECT_TRUE(Messages().empty());
 }
