@@ -1,7 +1,6 @@
 // Sending drafts for real: the core builds the message, talks SMTP to a sink
 // on loopback, and keeps the sent copy. What the sink received is read back
 // with GMime, independently of the code that built it.
-#include <gmime/gmime.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -17,6 +16,7 @@
 #include "platform/mailcore/control.h"
 #include "tests/fake/syslog_capture.h"
 #include "tests/store/store_fixture.h"
+#include "tests/support/mail_reader.h"
 #include "tests/support/smtp_sink.h"
 
 namespace ornic::larkpost::testing {
@@ -26,67 +26,8 @@ using namespace std::string_literals;
 using ::larkpost::testing::SmtpSession;
 using ::larkpost::testing::SmtpSink;
 
-// A leaf part of a received message.
-struct Leaf {
-  std::string type, filename, content_id, disposition, content;
-};
-
-// A received message: its MIME tree written as "type(child,child)", and its
-// leaves in order.
-struct Received {
-  std::string tree;
-  std::vector<Leaf> leaves;
-};
-
-std::string Owned(char* text) {
-  std::string copy = text ? text : "";
-  g_free(text);
-  return copy;
-}
-
-void Walk(GMimeObject* object, Received* received) {
-  received->tree +=
-      Owned(g_mime_content_type_get_mime_type(g_mime_object_get_content_type(object)));
-  if (GMIME_IS_MULTIPART(object)) {
-    GMimeMultipart* multipart = GMIME_MULTIPART(object);
-    received->tree += "(";
-    for (int i = 0; i < g_mime_multipart_get_count(multipart); ++i) {
-      if (i > 0) received->tree += ",";
-      Walk(g_mime_multipart_get_part(multipart, i), received);
-    }
-    received->tree += ")";
-    return;
-  }
-  if (!GMIME_IS_PART(object)) return;  // an attached message: its type says enough
-  Leaf leaf;
-  leaf.type = Owned(g_mime_content_type_get_mime_type(g_mime_object_get_content_type(object)));
-  const char* filename = g_mime_part_get_filename(GMIME_PART(object));
-  const char* content_id = g_mime_object_get_content_id(object);
-  const char* disposition = g_mime_object_get_disposition(object);
-  leaf.filename = filename ? filename : "";
-  leaf.content_id = content_id ? content_id : "";
-  leaf.disposition = disposition ? disposition : "";
-  GMimeStream* stream = g_mime_stream_mem_new();
-  g_mime_data_wrapper_write_to_stream(g_mime_part_get_content(GMIME_PART(object)), stream);
-  GByteArray* bytes = g_mime_stream_mem_get_byte_array(GMIME_STREAM_MEM(stream));
-  leaf.content.assign(reinterpret_cast<const char*>(bytes->data), bytes->len);
-  g_object_unref(stream);
-  received->leaves.push_back(leaf);
-}
-
-Received Parse(const std::string& data) {
-  static const bool ready = (g_mime_init(), true);
-  (void)ready;
-  GMimeStream* stream = g_mime_stream_mem_new_with_buffer(data.data(), data.size());
-  GMimeParser* parser = g_mime_parser_new_with_stream(stream);
-  GMimeMessage* message = g_mime_parser_construct_message(parser, nullptr);
-  Received received;
-  if (message != nullptr) Walk(g_mime_message_get_mime_part(message), &received);
-  if (message != nullptr) g_object_unref(message);
-  g_object_unref(parser);
-  g_object_unref(stream);
-  return received;
-}
+using Received = ::larkpost::testing::ReceivedMessage;
+constexpr auto Parse = &::larkpost::testing::ReadMessage;
 
 // The header block of a message, with folded lines joined.
 std::string Headers(const std::string& data) {
