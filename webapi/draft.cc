@@ -206,7 +206,8 @@ void DraftAPI::Send_v1() {
 }
 
 void DraftAPI::Delete_v1() {
-  const auto id = request_->GetAndCheckArray("id", kRequired, apivalidator::JsonIntArrayGreaterZero);
+  const auto id =
+      request_->GetAndCheckArray("id", kRequired, apivalidator::JsonIntArrayGreaterZero);
   if (IsResetOrInvalid(id)) {
     response_->SetError(kErrorBadParameter, Json::Value());
     return;

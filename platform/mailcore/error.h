@@ -35,12 +35,12 @@ enum CoreErrorCode : int32_t {
   kErrorNotFound = 505,         // the record asked for does not exist
   kErrorInvalidArgument = 506,  // the core refused a value it was handed
   // Sending (MessageControl::Send). The draft stays as it was.
-  kErrorNoRecipient = 507,     // the draft has no To, Cc or Bcc address
-  kErrorNoSmtpAccount = 508,   // no sending identity, and the local server is off
-  kErrorSmtpConnect = 509,     // the SMTP server cannot be reached (or TLS failed)
-  kErrorSmtpAuth = 510,        // the SMTP server refused the login
-  kErrorSmtpRejected = 511,    // the server refused the sender, a recipient or the message
-  kErrorSmtpTimeout = 512,     // the SMTP server stopped answering
+  kErrorNoRecipient = 507,    // the draft has no To, Cc or Bcc address
+  kErrorNoSmtpAccount = 508,  // no sending identity, and the local server is off
+  kErrorSmtpConnect = 509,    // the SMTP server cannot be reached (or TLS failed)
+  kErrorSmtpAuth = 510,       // the SMTP server refused the login
+  kErrorSmtpRejected = 511,   // the server refused the sender, a recipient or the message
+  kErrorSmtpTimeout = 512,    // the SMTP server stopped answering
 };
 
 }  // namespace ornic

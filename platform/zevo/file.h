@@ -12,13 +12,13 @@ extern "C" {
 // Last platform errors (VESLCErrGet).
 enum {
   VESLC_ERR_NONE = 0x0000,
-  VESLC_ERR_NOT_FOUND = 0x0101,     // no such share, file or program
-  VESLC_ERR_ACCESS = 0x0102,        // permission denied
-  VESLC_ERR_IO = 0x0103,            // reading or writing failed
-  VESLC_ERR_INVALID = 0x0104,       // an argument was not acceptable
-  VESLC_ERR_EXEC = 0x0105,          // the program could not be started
-  VESLC_ERR_EXIT = 0x0200,          // | exit status: the program exited non-zero
-  VESLC_ERR_SIGNAL = 0x0400,        // | signal number: the program was killed
+  VESLC_ERR_NOT_FOUND = 0x0101,  // no such share, file or program
+  VESLC_ERR_ACCESS = 0x0102,     // permission denied
+  VESLC_ERR_IO = 0x0103,         // reading or writing failed
+  VESLC_ERR_INVALID = 0x0104,    // an argument was not acceptable
+  VESLC_ERR_EXEC = 0x0105,       // the program could not be started
+  VESLC_ERR_EXIT = 0x0200,       // | exit status: the program exited non-zero
+  VESLC_ERR_SIGNAL = 0x0400,     // | signal number: the program was killed
 };
 
 // A shared folder's record; owned by the caller until ZEVOShareFree.

@@ -143,8 +143,7 @@ TEST_F(MailboxTest, DeleteAndClearMessageGoOnAfterFailuresAndListThem) {
       ElementsAre("MessageControl::DeleteByMailbox 5", "MessageControl::DeleteByMailbox 6",
                   "MessageControl::DeleteByMailbox 5", "MessageControl::DeleteByMailbox 6"));
 
-  ExpectRefused(MailboxDelete_v1, 120,
-                {R"({})", R"({"id": [0]})", R"({"id": [5, null]})"});
+  ExpectRefused(MailboxDelete_v1, 120, {R"({})", R"({"id": [0]})", R"({"id": [5, null]})"});
   // Only junk (5) and trash (6) may be emptied: one other id and nothing is.
   ExpectRefused(MailboxClearMessage_v1, 120,
                 {R"({"id": [5, 1]})", R"({"id": [6, 7]})", R"({})", R"({"id": 5})"});

@@ -86,7 +86,8 @@ TEST_F(ThreadTest, GetAnswersWhatTheCoreListsAndRefusesBadIdsWith114) {
   EXPECT_THAT(fake::core().calls,
               ElementsAre("Controller 1026 sid-alice", "ThreadControl::List [12,99,10]"));
 
-  ExpectRefused(ThreadGet_v1, 114, {R"({})", R"({"id": [1.5]})", R"({"id": [0]})", R"({"id": 12})"});
+  ExpectRefused(ThreadGet_v1, 114,
+                {R"({})", R"({"id": [1.5]})", R"({"id": [0]})", R"({"id": 12})"});
 }
 
 TEST_F(ThreadTest, CheckExistAsksTheCoreWithinMailboxAndLabel) {
