@@ -28,13 +28,9 @@ constexpr int64_t kTempAttachmentLifetime = 7 * 24 * 3600;
 // once the change is committed.
 std::vector<std::string> DropAbandonedUploads(Database& db) {
   std::vector<std::string> files;
-  Statement old(db, "SELECT path FROM attachment_temp WHERE created < ?1");
-  const int64_t cutoff = store::Now() - kTempAttachmentLifetime;
-  old.Bind(1, cutoff);
-  while (old.Step()) files.push_back(old.Text(0));
-  Statement drop(db, "DELETE FROM attachment_temp WHERE created < ?1");
-  drop.Bind(1, cutoff);
-  drop.Run();
+  Statement drop(db, "DELETE FROM attachment_temp WHERE created < ?1 RETURNING path");
+  drop.Bind(1, store::Now() - kTempAttachmentLifetime);
+  while (drop.Step()) files.push_back(drop.Text(0));
   return files;
 }
 

@@ -49,7 +49,8 @@ int Succeed() {
   return 0;
 }
 
-unsigned int ErrorFromErrno(int error) {
+// `fallback` for what is neither a missing file nor a refusal.
+unsigned int ErrorFromErrno(int error, unsigned int fallback = VESLC_ERR_IO) {
   switch (error) {
     case ENOENT:
     case ENOTDIR:
@@ -59,7 +60,7 @@ unsigned int ErrorFromErrno(int error) {
     case EROFS:
       return VESLC_ERR_ACCESS;
     default:
-      return VESLC_ERR_IO;
+      return fallback;
   }
 }
 
@@ -216,19 +217,6 @@ int ExecError(int read_fd) {
   return got == sizeof(error) ? error : 0;
 }
 
-unsigned int ErrorFromExecErrno(int error) {
-  switch (error) {
-    case ENOENT:
-    case ENOTDIR:
-      return VESLC_ERR_NOT_FOUND;
-    case EACCES:
-    case EPERM:
-      return VESLC_ERR_ACCESS;
-    default:
-      return VESLC_ERR_EXEC;
-  }
-}
-
 int Execute(const char* path, char* const argv[], bool wait) {
   if (path == nullptr || *path == '\0' || argv == nullptr || argv[0] == nullptr) {
     return Fail(VESLC_ERR_INVALID);
@@ -263,7 +251,7 @@ int Execute(const char* path, char* const argv[], bool wait) {
   const int exec_error = ExecError(error_read.get());
   int status = 0;
   if (!WaitFor(pid, &status)) return Fail(VESLC_ERR_EXEC);
-  if (exec_error != 0) return Fail(ErrorFromExecErrno(exec_error));
+  if (exec_error != 0) return Fail(ErrorFromErrno(exec_error, VESLC_ERR_EXEC));
   if (!wait) {
     return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? Succeed() : Fail(VESLC_ERR_EXEC);
   }

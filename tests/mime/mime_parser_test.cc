@@ -13,6 +13,7 @@
 #include "appliance/mailcore/mime/header.h"
 #include "appliance/mailcore/mime/html_text.h"
 #include "appliance/mailcore/mime/mime_parser.h"
+#include "tests/store/attachment_part.h"
 
 namespace ornic::larkpost::mime {
 namespace {
@@ -31,17 +32,7 @@ std::string Fixture(const std::string& name) {
 
 using Strings = std::vector<std::string>;
 
-store::NewAttachment Part(std::string name, std::string mimetype, std::string content_id,
-                          bool is_inline, int64_t size, std::string part_path) {
-  store::NewAttachment part;
-  part.name = std::move(name);
-  part.mimetype = std::move(mimetype);
-  part.content_id = std::move(content_id);
-  part.is_inline = is_inline;
-  part.size = size;
-  part.part_path = std::move(part_path);
-  return part;
-}
+using ::ornic::larkpost::testing::Part;
 
 auto Fields(const store::NewAttachment& a) {
   return std::tie(a.name, a.mimetype, a.content_id, a.is_inline, a.size, a.part_path);

@@ -18,6 +18,7 @@
 #include "platform/mailcore/db_setup.h"
 #include "platform/mailcore/error.h"
 #include "platform/mailcore/sync.h"
+#include "tests/store/attachment_part.h"
 #include "tests/system/temp_root.h"
 
 namespace ornic::larkpost::testing {
@@ -36,19 +37,6 @@ int32_t CodeOf(Body&& body) {
     return e.ErrorCode();
   }
   return 0;
-}
-
-// An attachment record of stored mail, its content found by its part path.
-inline store::NewAttachment Part(std::string name, std::string mimetype, std::string content_id,
-                                 bool is_inline, int64_t size, std::string part_path) {
-  store::NewAttachment part;
-  part.name = std::move(name);
-  part.mimetype = std::move(mimetype);
-  part.content_id = std::move(content_id);
-  part.is_inline = is_inline;
-  part.size = size;
-  part.part_path = std::move(part_path);
-  return part;
 }
 
 // A message as a test states it; everything not named is plain.
