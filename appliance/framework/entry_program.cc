@@ -161,6 +161,7 @@ int Authenticate(const std::string& auth, const cgi::Credentials& credentials,
     // opened outside the page, which carry no token).
     if (session) {
       request.SetLoginUser(session->user.uid, session->user.name, session->user.is_admin);
+      appliance::SetRequestUser({session->user.uid, session->user.is_admin});
     } else {
       request.SetLoginUser(ZEVO::kUnknownUID, "", false);
     }
@@ -178,6 +179,7 @@ int Authenticate(const std::string& auth, const cgi::Credentials& credentials,
   }
   if (auth == "admin" && !session->user.is_admin) return cgi::kErrorNotAdmin;
   request.SetLoginUser(session->user.uid, session->user.name, session->user.is_admin);
+  appliance::SetRequestUser({session->user.uid, session->user.is_admin});
   return 0;
 }
 

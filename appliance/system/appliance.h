@@ -110,4 +110,18 @@ class SessionStore {
   static bool Remove(const std::string& id);
 };
 
+// ------------------------------------------------------- the request's user
+
+// The account whose request this process serves, as established by the host
+// (or by the session checker, for a handler that authenticates a session
+// itself). A process serves one request, so this is the process's user: the
+// file services read with its rights and refuse everything when it is not
+// known.
+struct RequestUser {
+  uint32_t uid = 0;
+  bool is_admin = false;
+};
+void SetRequestUser(const RequestUser& user);
+std::optional<RequestUser> GetRequestUser();
+
 }  // namespace larkpost::appliance

@@ -68,6 +68,7 @@ int ZevoCgiIsAuthorizedEx(ZEVO_CGI_CTX* ctx, const char* session_id, char* user,
   if (session.user.name.size() >= user_size || session.user.uid > INT_MAX) return -2;
   std::memcpy(user, session.user.name.c_str(), session.user.name.size() + 1);
   if (flags != nullptr) flags[1] = kWebLogin;
+  larkpost::appliance::SetRequestUser({session.user.uid, session.user.is_admin});
   return static_cast<int>(session.user.uid);
 }
 
