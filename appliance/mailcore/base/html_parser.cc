@@ -3,7 +3,8 @@
 // the tree is written out again through a whitelist: known elements and
 // attributes only, every text and value escaped, every element closed. What
 // the client gets is therefore well-formed whatever came in, and parsing it
-// again gives the same tree (Normalize is idempotent).
+// again gives the same tree (Normalize is idempotent, but for the inline
+// images' download URLs, which only a "cid:" of the message itself gives).
 //
 // Elements are kept, unwrapped (the element goes, its content stays: unknown
 // tags such as the <o:p> of office programs, <form>, <label>) or dropped with
@@ -13,8 +14,10 @@
 // URLs are judged after removing white space and control characters and
 // folding case, as a browser's URL parser would see past them:
 // "jav&#x09;ascript:" is javascript. Links may use http, https, mailto, ftp,
-// tel and sms, or be relative; images may also be "cid:" (rewritten to the
-// attachment download) and "data:image/". Anything else is dropped.
+// tel and sms, or be fragments; images http, https, "cid:" (rewritten to the
+// attachment download) and "data:image/". Anything else is dropped, relative
+// URLs first: mail has no address of its own, so they would reach the web
+// client's server, with the reader's session.
 //
 // Attributes of our own that the client relies on: data-larkpost-src and
 // data-larkpost-background (an external image held back),
@@ -283,19 +286,47 @@ std::string PercentDecode(std::string_view text) {
 }
 
 enum class UrlKind {
-  kRelative,   // no scheme: resolves against the web client's own address
-  kWeb,        // http, https or "//host": loads from the outside world
+  kFragment,   // "#name": a place in the message itself
+  kWeb,        // http or https with a host: loads from the outside world
   kLink,       // mailto, ftp, tel, sms: fine to follow, nothing to load
   kCid,        // a part of the message
   kDataImage,  // an image inside the URL
-  kUnsafe,     // anything else: javascript, vbscript, other data, file, ...
+  kUnsafe,     // anything else: javascript, vbscript, other data, file,
+               // and whatever a browser would send to our own server
 };
 
 struct Url {
-  UrlKind kind = UrlKind::kRelative;
+  UrlKind kind = UrlKind::kUnsafe;
   std::string text;  // the value without control characters and outer blanks
 };
 
+// Whether the part of an http(s) URL after "scheme:" (lower case,
+// backslashes made slashes) has a path that reaches a web API: "webapi" or
+// ".cgi" anywhere in it, decoded as often as a server might decode it. The
+// appliance answers to any host name the reader may use, so the host does
+// not matter; links to other sites' CGI scripts go too.
+bool ReachesWebApi(std::string_view rest) {
+  size_t from = 0;
+  while (from < rest.size() && rest[from] == '/') ++from;
+  const size_t path = rest.find_first_of("/?#", from);
+  if (path == std::string_view::npos || rest[path] != '/') return false;
+  std::string text(rest.substr(path, rest.find_first_of("?#", path) - path));
+  for (int round = 0; round < 4; ++round) {
+    std::string decoded = LowerCase(PercentDecode(text));
+    std::replace(decoded.begin(), decoded.end(), '\\', '/');
+    if (decoded == text) break;
+    text = std::move(decoded);
+  }
+  return text.find("webapi") != std::string::npos || text.find(".cgi") != std::string::npos;
+}
+
+// A message has no address of its own: a relative URL ("entry.cgi?...",
+// "/webapi/...", "?x", "//host/..."), or "http:" without "//" (relative to
+// the page for browsers), resolves against the web client's address and
+// would call our own API with the reader's session. Such URLs are unsafe;
+// only fragments stay, for links. Our own download URLs reach the output
+// only through CidUrl, from a "cid:" of this message: written literally by
+// the message, they are relative (or reach the API) like any other.
 Url ClassifyUrl(std::string_view value) {
   Url url;
   for (char c : value) {
@@ -303,16 +334,18 @@ Url ClassifyUrl(std::string_view value) {
     if (u >= 0x20 && u != 0x7f) url.text.push_back(c);
   }
   url.text = std::string(TrimSpace(url.text));
-  // What a browser would make of it: blanks and controls inside a scheme are
-  // skipped or make it no scheme at all; either way, judging the text
-  // without them errs on the safe side. A backslash acts as a slash.
+  // `exact` is what a browser parses (case aside, a backslash acts as a
+  // slash); `probe` also skips blanks, so that "java script:" still counts
+  // as javascript: judging it as a scheme errs on the safe side.
+  std::string exact;
   std::string probe;
   for (char c : url.text) {
-    if (c == ' ') continue;
-    probe.push_back(c == '\\' ? '/' : Lower(c));
+    const char folded = c == '\\' ? '/' : Lower(c);
+    exact.push_back(folded);
+    if (c != ' ') probe.push_back(folded);
   }
-  if (StartsWith(probe, "//")) {
-    url.kind = UrlKind::kWeb;
+  if (StartsWith(exact, "#")) {
+    url.kind = UrlKind::kFragment;
     return url;
   }
   size_t colon = 0;
@@ -324,23 +357,110 @@ Url ClassifyUrl(std::string_view value) {
     if (!scheme_char) break;
     ++colon;
   }
-  if (colon == 0 || colon == probe.size() || probe[colon] != ':') {
-    url.kind = UrlKind::kRelative;
-    return url;
-  }
-  const std::string_view scheme = std::string_view(probe).substr(0, colon);
+  if (colon == 0 || colon == probe.size() || probe[colon] != ':') return url;  // relative
+  const std::string scheme = probe.substr(0, colon);
+  // A blank inside the scheme makes it no scheme for a browser: relative.
+  if (!StartsWith(exact, scheme + ":")) return url;
+  const std::string_view rest = std::string_view(exact).substr(colon + 1);
   if (scheme == "http" || scheme == "https") {
-    url.kind = UrlKind::kWeb;
+    if (StartsWith(rest, "//") && !ReachesWebApi(rest)) url.kind = UrlKind::kWeb;
   } else if (scheme == "mailto" || scheme == "ftp" || scheme == "tel" || scheme == "sms") {
     url.kind = UrlKind::kLink;
   } else if (scheme == "cid") {
     url.kind = UrlKind::kCid;
   } else if (scheme == "data" && StartsWith(probe, "data:image/")) {
     url.kind = UrlKind::kDataImage;
-  } else {
-    url.kind = UrlKind::kUnsafe;
   }
   return url;
+}
+
+// A CSS name without its vendor prefix ("-webkit-transform": "transform").
+std::string_view Unprefixed(std::string_view name) {
+  if (name.size() < 2 || name[0] != '-' || name[1] == '-') return name;
+  const size_t dash = name.find('-', 1);
+  return dash == std::string_view::npos ? name : name.substr(dash + 1);
+}
+
+// Whether a declaration leaves its element where the flow of the message
+// puts it. Whatever is drawn inside the message's box is clipped by the
+// client's container; what moves an element out of the flow or beyond its
+// box is not: absolute, fixed and sticky positions, offsets (which also move
+// a relative box), stacking order, transforms, motion paths, negative
+// margins (any "-" in a margin: calc(0px - 1em) too), animations (they can
+// apply the page's own keyframes), and custom properties.
+bool StaysInItsBox(std::string_view property, std::string_view compact_value) {
+  if (StartsWith(property, "--")) return false;
+  const std::string_view name = Unprefixed(property);
+  if (name == "position") return compact_value == "static" || compact_value == "relative";
+  static constexpr std::string_view kMoving[] = {
+      "top", "right", "bottom", "left", "z-index", "translate", "rotate", "scale",
+  };
+  if (std::find(std::begin(kMoving), std::end(kMoving), name) != std::end(kMoving)) return false;
+  static constexpr std::string_view kMovingFamilies[] = {
+      "inset", "transform", "perspective", "offset", "animation",
+  };
+  for (std::string_view family : kMovingFamilies) {
+    if (StartsWith(name, family)) return false;
+  }
+  if (StartsWith(name, "margin")) return compact_value.find('-') == std::string_view::npos;
+  return true;
+}
+
+// Whether every function in a (lower-case) CSS value is one that computes a
+// colour, a length or a gradient, or is url() (judged by the caller). Others
+// may load what they name as a bare string (image-set, image, cross-fade,
+// src) or are not worth knowing.
+bool OnlyKnownFunctions(std::string_view value) {
+  static constexpr std::string_view kFunctions[] = {
+      "url",
+      "rgb",
+      "rgba",
+      "hsl",
+      "hsla",
+      "hwb",
+      "lab",
+      "lch",
+      "oklab",
+      "oklch",
+      "color",
+      "calc",
+      "min",
+      "max",
+      "clamp",
+      "minmax",
+      "repeat",
+      "fit-content",
+      "cubic-bezier",
+      "steps",
+      "linear-gradient",
+      "rect",
+      "radial-gradient",
+      "conic-gradient",
+      "repeating-linear-gradient",
+      "repeating-radial-gradient",
+      "repeating-conic-gradient",
+  };
+  char quote = 0;
+  size_t name_from = 0;
+  for (size_t i = 0; i < value.size(); ++i) {
+    const char c = value[i];
+    if (quote) {
+      if (c == quote) quote = 0;
+      name_from = i + 1;
+      continue;
+    }
+    const bool name_char = (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '_';
+    if (c == '"' || c == '\'') {
+      quote = c;
+    } else if (c == '(' && i > name_from) {
+      const std::string_view name = Unprefixed(value.substr(name_from, i - name_from));
+      if (std::find(std::begin(kFunctions), std::end(kFunctions), name) == std::end(kFunctions)) {
+        return false;
+      }
+    }
+    if (!name_char) name_from = i + 1;
+  }
+  return true;
 }
 
 // One element's attributes on their way out, in order, each name once.
@@ -480,7 +600,14 @@ void Normaliser::Leave(const Open& open) {
   if (element.tag == GUMBO_TAG_A) --open_links_;
   if (element.tag == GUMBO_TAG_BLOCKQUOTE) {
     --open_quotes_;
-    if (open.quote_from != std::string::npos) quotes_->push_back(body_->substr(open.quote_from));
+    if (open.quote_from != std::string::npos) {
+      quotes_->push_back(body_->substr(open.quote_from));
+      if (options_.split_quotes) {
+        body_->resize(open.quote_from);
+        *body_ += "<blockquote data-larkpost-quote=\"" + std::to_string(quotes_->size() - 1) +
+                  "\"></blockquote>";
+      }
+    }
   }
 }
 
@@ -501,7 +628,6 @@ void Normaliser::ImageUrl(const char* value, std::string_view name, std::string_
   Url url = ClassifyUrl(value);
   if (url.text.empty()) return;
   switch (url.kind) {
-    case UrlKind::kRelative:
     case UrlKind::kDataImage:
       attributes->Set(name, std::move(url.text));
       return;
@@ -513,6 +639,7 @@ void Normaliser::ImageUrl(const char* value, std::string_view name, std::string_
       if (!rewritten.empty()) attributes->Set(name, std::move(rewritten));
       return;
     }
+    case UrlKind::kFragment:
     case UrlKind::kLink:
     case UrlKind::kUnsafe:
       return;
@@ -584,8 +711,8 @@ void Normaliser::Style(std::string_view style, bool block, Attributes* attribute
         compact.find("expression(") != std::string::npos ||
         compact.find("javascript:") != std::string::npos ||
         compact.find("vbscript:") != std::string::npos ||
-        compact.find("@import") != std::string::npos ||
-        (property == "position" && StartsWith(compact, "fixed"))) {
+        compact.find("@import") != std::string::npos || !StaysInItsBox(property, compact) ||
+        !OnlyKnownFunctions(lower)) {
       continue;
     }
     // Rewrite url(cid:...) to the attachment and judge every other url().
@@ -618,7 +745,6 @@ void Normaliser::Style(std::string_view style, bool block, Attributes* attribute
       }
       Url url = ClassifyUrl(value.substr(begin, end - begin));
       switch (url.kind) {
-        case UrlKind::kRelative:
         case UrlKind::kDataImage:
           break;
         case UrlKind::kWeb:
@@ -635,6 +761,7 @@ void Normaliser::Style(std::string_view style, bool block, Attributes* attribute
           copied = close + 1;
           break;
         }
+        case UrlKind::kFragment:
         case UrlKind::kLink:
         case UrlKind::kUnsafe:
           drop = true;
@@ -669,7 +796,7 @@ void Normaliser::WriteStartTag(const GumboElement& element) {
       Style(value, false, &attributes, "data-larkpost-style", "");
     } else if (name == "href" && tag == GUMBO_TAG_A) {
       Url url = ClassifyUrl(value);
-      if (url.kind == UrlKind::kRelative || url.kind == UrlKind::kWeb ||
+      if (url.kind == UrlKind::kFragment || url.kind == UrlKind::kWeb ||
           url.kind == UrlKind::kLink) {
         attributes.Set(name, std::move(url.text));
       } else if (url.kind == UrlKind::kCid) {
@@ -688,8 +815,7 @@ void Normaliser::WriteStartTag(const GumboElement& element) {
       if (url.kind == UrlKind::kWeb) attributes.Set(name, std::move(url.text));
     } else if (name == "cite") {
       Url url = ClassifyUrl(value);
-      if (url.kind == UrlKind::kRelative || url.kind == UrlKind::kWeb ||
-          url.kind == UrlKind::kLink) {
+      if (url.kind == UrlKind::kWeb || url.kind == UrlKind::kLink) {
         attributes.Set(name, std::move(url.text));
       }
     }
