@@ -145,6 +145,7 @@ Json::Value NormalisedBody(const record::FullMessage& message, const std::string
   ornic::larkpost::html::HTMLParser parser;
   parser.open_links_in_new_window = new_window;
   parser.block_external_image = block;
+  parser.split_quotes = quotes;
   parser.Normalize(message.html_body, token, message.InlineImageMapping());
   Json::Value body(Json::objectValue);
   body["plain"] = message.plain_body;
@@ -193,6 +194,8 @@ TEST_F(FullMessageJsonTest, NormaliserGetsTheRightOptionsTokenAndQuotes) {
   ASSERT_NE(plain, NormalisedBody(message, "tok", false, false, true));
   ASSERT_NE(plain, NormalisedBody(message, "tok", true, true, true));
   ASSERT_EQ(plain["blockquote"].size(), 1u);
+  // Split out, the quote is no longer in the body that formats 0 and 1 get.
+  ASSERT_NE(plain["html"], NormalisedBody(message, "tok", true, false, false)["html"]);
 
   struct Case {
     const char* token;  // nullptr: not in the environment

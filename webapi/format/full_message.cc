@@ -41,6 +41,7 @@ Json::Value FullMessageToJson(const record::FullMessage& message, constant::HTML
     html::HTMLParser parser;
     parser.block_external_image = block_external_image;
     if (format == constant::kHTMLBodyEdit) parser.open_links_in_new_window = false;
+    parser.split_quotes = format == constant::kHTMLBodyReadSplitQuote;
     parser.Normalize(message.html_body, RequestToken(), message.InlineImageMapping());
     body["html"] = parser.GetBody();
     if (format == constant::kHTMLBodyReadSplitQuote) {

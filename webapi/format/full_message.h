@@ -14,7 +14,8 @@ namespace ornic::larkpost::webapi::format {
 //   "to", "cc", "bcc": the recipient texts, in order (always present);
 //   "body": {"plain", "html"} where "html" is the body after the core's
 //     normaliser ("" when there is none), plus "blockquote" (the quoted
-//     blocks) for kHTMLBodyReadSplitQuote when there is an HTML body;
+//     blocks, taken out of "html": an empty quote carrying its index stands
+//     where each was) for kHTMLBodyReadSplitQuote when there is an HTML body;
 //   "attachment": AttachmentToJson of each attachment that is not inline,
 //     with "content_id" for a draft;
 //   "body_preview" only when `body_preview`.
