@@ -112,8 +112,9 @@ config
 "$bin/larkpostctl" --root "$root" serve --listen "127.0.0.1:$port" >"$work/serve.log" 2>&1 &
 server=$!
 for _ in $(seq 100); do curl -s -o /dev/null "http://127.0.0.1:$port/" && break; sleep 0.1; done
-sid=$(curl -s -d account=bench -d passwd=bench "http://127.0.0.1:$port/webapi/auth.cgi" |
-  sed -E 's/.*"sid":"([0-9a-f]+)".*/\1/')
+login=$(curl -s -d account=bench -d passwd=bench "http://127.0.0.1:$port/webapi/auth.cgi")
+sid=$(sed -E 's/.*"sid":"([0-9a-f]+)".*/\1/' <<<"$login")
+token=$(sed -E 's/.*"token":"([0-9a-f]+)".*/\1/' <<<"$login")
 served="http://127.0.0.1:$port/webapi/entry.cgi"
 wrapped="http://127.0.0.1:$port/bench/entry.cgi"
 
@@ -123,7 +124,7 @@ call() {
   local url=$1 api=$2 method=$3
   shift 3
   seconds=$(curl -s -o "$work/out" -w '%{time_total}' \
-    "$url?api=$api&version=1&method=$method&_sid=$sid" "$@")
+    "$url?api=$api&version=1&method=$method&_sid=$sid&_token=$token" "$@")
 }
 # field PATH: a value of the JSON answer ("data.id", "data.message.0.id").
 field() {

@@ -11,6 +11,7 @@
 
 #include "appliance/framework/cgi.h"
 #include "appliance/framework/host.h"
+#include "appliance/framework/login_throttle.h"
 #include "appliance/system/appliance.h"
 #include "platform/zevo/webapi.h"
 
@@ -27,11 +28,21 @@ const std::string* Field(const cgi::FieldMap& fields, const std::string& name) {
   return found == fields.end() ? nullptr : &found->second;
 }
 
-std::string Login(const cgi::FieldMap& fields) {
+std::string Login(const cgi::Environment& env, const cgi::FieldMap& fields) {
   const std::string* account = Field(fields, "account");
   const std::string* password = Field(fields, "passwd");
   if (account == nullptr || password == nullptr || account->empty() || password->empty()) {
     throw RequestError(cgi::kErrorBadRequest, "account and passwd are required");
+  }
+  // Counted before the password is: see login_throttle.h.
+  if (!appliance::MakeDirs(appliance::EtcDir())) {
+    throw std::runtime_error("cannot create " + appliance::EtcDir());
+  }
+  cgi::LoginThrottle throttle(appliance::EtcDir() + "/login_attempts.db");
+  const std::string client = cgi::ClientKey(cgi::Get(env, "REMOTE_ADDR"));
+  if (const int64_t wait = throttle.Reserve(*account, client)) {
+    return cgi::BuildAnswer(cgi::ErrorEnvelope(cgi::kErrorLoginThrottled),
+                            {"Retry-After: " + std::to_string(wait)});
   }
   const std::optional<appliance::UserRecord> user =
       appliance::UserStore::Verify(*account, *password);
@@ -42,6 +53,7 @@ std::string Login(const cgi::FieldMap& fields) {
         std::chrono::milliseconds(appliance::GetConfig().login_failure_delay_ms));
     throw RequestError(cgi::kErrorLoginFailed, "login failed");
   }
+  throttle.Succeeded(*account, client);
   const appliance::Session session = appliance::SessionStore::Create(*user);
   Json::Value data(Json::objectValue);
   data["sid"] = session.id;
@@ -78,7 +90,7 @@ std::string Serve() {
   options.with_query = false;
   const cgi::Form form = cgi::ReadForm(env, std::cin, options);
   const std::string* method = Field(form.fields, "method");
-  if (method == nullptr || *method == "login") return Login(form.fields);
+  if (method == nullptr || *method == "login") return Login(env, form.fields);
   if (*method == "logout") return Logout(env, form.fields);
   throw RequestError(cgi::kErrorNoSuchMethod, "unknown method");
 }

@@ -12,6 +12,7 @@
 #include <iostream>
 #include <utility>
 
+#include "appliance/framework/answer_relay.h"
 #include "appliance/framework/multipart.h"
 #include "appliance/framework/text.h"
 #include "appliance/system/appliance.h"
@@ -381,15 +382,85 @@ std::string BuildAnswer(const Json::Value& envelope, const std::vector<std::stri
   const bool too_large = envelope.isObject() && envelope["error"].isObject() &&
                          envelope["error"]["code"] == kErrorTooLarge;
   std::string answer = too_large ? "Status: 413 Payload Too Large\r\n" : "";
-  answer +=
-      "Content-Type: application/json; charset=utf-8\r\n"
-      "X-Content-Type-Options: nosniff\r\n"
-      "Cache-Control: no-store\r\n"
-      "Content-Length: " +
-      std::to_string(body.size()) + "\r\n";
+  answer += "Content-Type: application/json; charset=utf-8\r\n";
+  answer += kHostHeaders;
+  answer += "Content-Length: " + std::to_string(body.size()) + "\r\n";
   for (const std::string& header : headers) answer.append(header).append("\r\n");
   answer.append("\r\n").append(body);
   return answer;
+}
+
+bool IsCleanText(std::string_view text) {
+  size_t at = 0;
+  while (at < text.size()) {
+    const auto lead = static_cast<unsigned char>(text[at]);
+    if (lead == 0) return false;
+    if (lead < 0x80) {
+      ++at;
+      continue;
+    }
+    size_t follow;
+    uint32_t code;
+    uint32_t lowest;
+    if ((lead & 0xe0) == 0xc0) {
+      follow = 1, code = lead & 0x1f, lowest = 0x80;
+    } else if ((lead & 0xf0) == 0xe0) {
+      follow = 2, code = lead & 0x0f, lowest = 0x800;
+    } else if ((lead & 0xf8) == 0xf0) {
+      follow = 3, code = lead & 0x07, lowest = 0x10000;
+    } else {
+      return false;
+    }
+    if (text.size() - at - 1 < follow) return false;
+    for (size_t i = 1; i <= follow; ++i) {
+      const auto next = static_cast<unsigned char>(text[at + i]);
+      if ((next & 0xc0) != 0x80) return false;
+      code = (code << 6) | (next & 0x3f);
+    }
+    // Overlong forms, surrogates and code points past Unicode's last.
+    if (code < lowest || code > 0x10ffff || (code >= 0xd800 && code <= 0xdfff)) return false;
+    at += follow + 1;
+  }
+  return true;
+}
+
+namespace {
+
+bool IsCleanValue(const Json::Value& value) {
+  if (value.isString()) {
+    const char* begin = nullptr;
+    const char* end = nullptr;
+    value.getString(&begin, &end);
+    return IsCleanText(std::string_view(begin, static_cast<size_t>(end - begin)));
+  }
+  if (value.isArray()) {
+    for (const Json::Value& item : value) {
+      if (!IsCleanValue(item)) return false;
+    }
+  }
+  if (value.isObject()) {
+    for (auto member = value.begin(); member != value.end(); ++member) {
+      if (!IsCleanText(member.name()) || !IsCleanValue(*member)) return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+std::optional<std::string> FindUncleanParameter(const Json::Value& params) {
+  for (auto member = params.begin(); member != params.end(); ++member) {
+    std::string name = member.name();
+    if (IsCleanText(name) && IsCleanValue(*member)) continue;
+    // The name goes back in a JSON answer, which must stay valid itself.
+    if (!IsCleanText(name)) {
+      for (char& c : name) {
+        if (c == '\0' || static_cast<unsigned char>(c) >= 0x80) c = '?';
+      }
+    }
+    return name;
+  }
+  return std::nullopt;
 }
 
 Json::Value ErrorEnvelope(int code) {

@@ -19,15 +19,17 @@ namespace larkpost::cgi {
 
 // The host's own error codes, answered before (or instead of) the plug-in.
 enum HostError : int {
-  kErrorUnknown = 100,       // an exception, a broken installation
-  kErrorBadRequest = 101,    // api, version or method missing; malformed request
-  kErrorNoSuchAPI = 102,     // the API is not declared
-  kErrorNoSuchMethod = 103,  // the method is not declared or not served
-  kErrorBadVersion = 104,    // the version is not declared (or not a positive integer)
-  kErrorNotAdmin = 105,      // an administrator's API called by another user
-  kErrorTooLarge = 107,      // the request body exceeds the configured limit
-  kErrorNoSession = 119,     // no valid session, or a missing or wrong token
-  kErrorLoginFailed = 400,   // unknown account or wrong password
+  kErrorUnknown = 100,         // an exception, a broken installation
+  kErrorBadRequest = 101,      // api, version or method missing; malformed request
+  kErrorNoSuchAPI = 102,       // the API is not declared
+  kErrorNoSuchMethod = 103,    // the method is not declared or not served
+  kErrorBadVersion = 104,      // the version is not declared (or not a positive integer)
+  kErrorNotAdmin = 105,        // an administrator's API called by another user
+  kErrorTooLarge = 107,        // the request body exceeds the configured limit
+  kErrorNoSession = 119,       // no valid session, or a missing or wrong token
+  kErrorBadText = 120,         // a parameter's text is not valid UTF-8 or holds a NUL
+  kErrorLoginFailed = 400,     // unknown account or wrong password
+  kErrorLoginThrottled = 407,  // too many failed logins: try again after Retry-After seconds
 };
 
 // A request the host refuses; `code()` is the host error to answer with and
@@ -147,6 +149,16 @@ struct EntryRequest {
 // where "file" and "file_tmp" describe the stored file part).
 EntryRequest DecodeEntryRequest(const Environment& env, std::istream& body,
                                 const FormOptions& options);
+
+// True when `text` is valid UTF-8 (no overlong forms, no surrogates) without
+// a NUL byte: the only text the host lets through to the plug-in and its
+// stores, whose answers must stay valid JSON and whose C strings must not
+// end early.
+bool IsCleanText(std::string_view text);
+// The first parameter whose name or text (every string of its JSON value,
+// object keys included) is not clean; nullopt when all are. A name that is
+// not clean itself comes back with its offending bytes as "?".
+std::optional<std::string> FindUncleanParameter(const Json::Value& params);
 
 // A complete CGI answer: the JSON headers, the extra header lines (without
 // line ends) and the compact envelope.

@@ -22,8 +22,10 @@
 #include <string>
 #include <utility>
 
+#include "appliance/framework/answer_relay.h"
 #include "appliance/framework/cgi.h"
 #include "appliance/framework/host.h"
+#include "appliance/framework/output_hook.h"
 #include "appliance/system/appliance.h"
 #include "platform/zevo/webapi.h"
 
@@ -155,28 +157,31 @@ int Authenticate(const std::string& auth, const cgi::Credentials& credentials,
     session = appliance::SessionStore::Lookup(credentials.session_id,
                                               appliance::GetConfig().session_timeout, true);
   }
-  request.SetSessionID(credentials.session_id);
+  // A cookie comes along with every request a browser makes, also with one
+  // that another site forged; the token proves the page sent it.
+  const bool token_ok = session && cgi::ConstantTimeEquals(credentials.token, session->token);
   if (auth == "custom") {
-    // The plug-in decides about requests without a live session (links
-    // opened outside the page, which carry no token).
-    if (session) {
+    // Attachment transfers, opened as links: a link in a mail, or one with
+    // another user's _sid, must not act as a session. Only a session with
+    // its token is one; anything else reaches the plug-in without a user or
+    // a session id, and its own check refuses it.
+    if (token_ok) {
+      request.SetSessionID(credentials.session_id);
       request.SetLoginUser(session->user.uid, session->user.name, session->user.is_admin);
       appliance::SetRequestUser({session->user.uid, session->user.is_admin});
     } else {
+      request.SetSessionID("");
       request.SetLoginUser(ZEVO::kUnknownUID, "", false);
     }
     return 0;
   }
+  request.SetSessionID(credentials.session_id);
   if (auth != "user" && auth != "admin") {
     throw std::runtime_error("unknown authentication level \"" + auth + "\" in the declaration");
   }
   if (!session) return cgi::kErrorNoSession;
-  // A cookie comes along with every request a browser makes, also with one
-  // that another site forged; the token proves the page sent it.
-  if (credentials.source == SessionSource::kCookie &&
-      !cgi::ConstantTimeEquals(credentials.token, session->token)) {
-    return cgi::kErrorNoSession;
-  }
+  // Scripts name their session by _sid and need no token.
+  if (credentials.source == SessionSource::kCookie && !token_ok) return cgi::kErrorNoSession;
   if (auth == "admin" && !session->user.is_admin) return cgi::kErrorNotAdmin;
   request.SetLoginUser(session->user.uid, session->user.name, session->user.is_admin);
   appliance::SetRequestUser({session->user.uid, session->user.is_admin});
@@ -185,10 +190,23 @@ int Authenticate(const std::string& auth, const cgi::Credentials& credentials,
 
 void AnswerError(int code) { cgi::WriteAnswer(cgi::BuildAnswer(cgi::ErrorEnvelope(code))); }
 
-// Runs the checker and the entry function; the host's part of the answer is
-// written only while the plug-in left the output on.
+// The answer a handler writes itself once it switched the JSON output off.
+cgi::StdoutRelay* g_relay = nullptr;
+
+void StartRelay() {
+  if (g_relay != nullptr && !g_relay->active() && !g_relay->Start()) {
+    LogError("cannot relay the handler's own answer; it goes out as written");
+  }
+}
+
+// Runs the checker and the entry function. A handler that switched the
+// output off writes its own answer, which reaches the client through the
+// relay; the host answers with the envelope when nothing came that way.
 void RunPlugin(ZEVO::APIChecker checker, ZEVO::APIHandler handler, ZEVO::APIRequest& request) {
   ZEVO::APIResponse response;
+  cgi::StdoutRelay relay;
+  g_relay = &relay;
+  cgi::SetOutputOffHook(StartRelay);
   try {
     if (checker == nullptr || checker(&request, &response)) handler(&request, &response);
   } catch (const std::exception& e) {
@@ -198,10 +216,15 @@ void RunPlugin(ZEVO::APIChecker checker, ZEVO::APIHandler handler, ZEVO::APIRequ
     LogError(request.GetAPIName() + " " + request.GetAPIMethod() + ": unknown exception");
     response.SetError(cgi::kErrorUnknown);
   }
-  if (response.IsOutputEnabled()) {
+  cgi::SetOutputOffHook(nullptr);
+  g_relay = nullptr;
+  const bool relayed = relay.active();
+  // A handler that switched the output off and wrote nothing (it threw, as
+  // a rule) still gets an answer; one whose relay could not start wrote its
+  // own, unchecked.
+  if (relay.Finish() == 0 && (relayed || response.IsOutputEnabled())) {
     cgi::WriteAnswer(cgi::BuildAnswer(response.ToEnvelope()));
   } else {
-    // The plug-in wrote the whole answer itself.
     std::cout.flush();
     std::fflush(stdout);
   }
@@ -243,6 +266,17 @@ int Serve() {
   if (const int refused =
           Authenticate((*declaration)["auth"].asString(), decoded.credentials, request)) {
     throw RequestError(refused, "not authenticated");
+  }
+  // Text that is not UTF-8, or holds a NUL, would end up in a store whose
+  // answers must stay valid JSON and in C strings that it would cut short.
+  if (const std::optional<std::string> name = cgi::FindUncleanParameter(decoded.params)) {
+    ZEVO::APIResponse refusal;
+    Json::Value data(Json::objectValue);
+    data["name"] = *name;
+    data["reason"] = "type";
+    refusal.SetError(cgi::kErrorBadText, data);
+    cgi::WriteAnswer(cgi::BuildAnswer(refusal.ToEnvelope()));
+    return 0;
   }
   request.SetUILanguage(decoded.language);
   request.SetUploadRequest(decoded.upload);

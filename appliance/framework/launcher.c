@@ -168,7 +168,13 @@ int main(int argc, char** argv) {
   }
   RunFullHost(self_name);
   fprintf(stderr, "%s: cannot run larkpost-cgi: %s\n", self_name, strerror(errno));
-  fputs("Status: 500 Internal Server Error\r\nContent-Type: text/plain\r\n\r\nhost missing\n",
-        stdout);
+  /* The host's headers, as on every answer (answer_relay.h). */
+  fputs(
+      "Status: 500 Internal Server Error\r\nContent-Type: text/plain\r\n"
+      "X-Content-Type-Options: nosniff\r\nCache-Control: no-store\r\n"
+      "Content-Security-Policy: sandbox; default-src 'none'; style-src 'unsafe-inline'; "
+      "img-src data:; frame-ancestors 'self'\r\nReferrer-Policy: no-referrer\r\n"
+      "\r\nhost missing\n",
+      stdout);
   return 1;
 }

@@ -1,7 +1,17 @@
 // The request and response objects that the host hands to a plug-in.
 #include <stdexcept>
 
+#include "appliance/framework/output_hook.h"
 #include "platform/zevo/webapi.h"
+
+namespace larkpost::cgi {
+namespace {
+OutputOffHook g_output_off_hook = nullptr;
+}  // namespace
+
+void SetOutputOffHook(OutputOffHook hook) { g_output_off_hook = hook; }
+
+}  // namespace larkpost::cgi
 
 namespace ZEVO {
 namespace {
@@ -137,7 +147,12 @@ void APIResponse::SetError(int code, const Json::Value& data) {
   error_data_ = data;
 }
 
-void APIResponse::SetEnableOutput(bool enable) { output_ = enable; }
+void APIResponse::SetEnableOutput(bool enable) {
+  if (output_ && !enable && larkpost::cgi::g_output_off_hook != nullptr) {
+    larkpost::cgi::g_output_off_hook();
+  }
+  output_ = enable;
+}
 
 bool APIResponse::IsOutputEnabled() const { return output_; }
 

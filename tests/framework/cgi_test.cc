@@ -10,6 +10,7 @@
 namespace larkpost::cgi {
 namespace {
 
+using namespace std::string_literals;
 constexpr auto Parse = &ZEVO::WebAPIUtil::ParseJson;
 
 EntryRequest Decode(const Environment& env, const std::string& body = "") {
@@ -84,6 +85,47 @@ TEST(EntryRequestTest, RefusedBodies) {
   EXPECT_NO_THROW(Decode({{"CONTENT_TYPE", "application/json"}, {"QUERY_STRING", "a=1"}}));
 }
 
+TEST(EntryRequestTest, TextThatIsNotCleanUtf8IsFound) {
+  const struct {
+    const char* query;
+    std::optional<std::string> unclean;
+  } cases[] = {
+      {"name=Work&f=Gr%C3%BC%C3%9Fe&g=%F0%9F%98%80&h=%22%5Cud83d%5Cude00%22", std::nullopt},
+      {"name=%FF", "name"},
+      {"source=a%00b", "source"},
+      {"keyword=%22%5Cu0000%22", "keyword"},      // "\u0000"
+      {"name=%22%5Cudc00%22", "name"},            // a lone low surrogate decodes to ED B0 80
+      {"name=%22%5Cud800%22", std::nullopt},      // not JSON: kept as its own (clean) text
+      {"name=%ED%A0%80", "name"},                 // a surrogate written out
+      {"id=%5B1%2C%22%C0%80%22%5D", "id"},        // an overlong NUL inside an array
+      {"x=%F4%90%80%80", "x"},                    // past U+10FFFF
+      {"x=%E2%82", "x"},                          // cut short
+      {"data=%7B%22%5Cu0000%22%3A1%7D", "data"},  // {"\u0000":1}: a key
+      {"data=%7B%22a%22%3A%7B%22%FF%22%3A1%7D%7D", "data"},
+      {"a%FF%00b=1", "a??b"},  // the name itself
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(FindUncleanParameter(Decode({{"QUERY_STRING", c.query}}).params), c.unclean)
+        << c.query;
+  }
+  // An upload's text fields and its file name.
+  for (const auto& [part, name] :
+       {std::pair<std::string, std::string>{"name=\"label\"\r\n\r\na\0b"s, "label"},
+        {"name=\"f\"; filename=\"x.txt\0.svg\"\r\n\r\ndata"s, "file"},
+        {"name=\"f\"; filename=\"\xC3\x28\"\r\n\r\ndata", "file"}}) {
+    const std::string body = "--b\r\nContent-Disposition: form-data; " + part + "\r\n--b--\r\n";
+    FormOptions options;
+    options.upload_dir = ::testing::TempDir() + "/upload";
+    std::istringstream in(body);
+    const EntryRequest request =
+        DecodeEntryRequest({{"REQUEST_METHOD", "POST"},
+                            {"CONTENT_TYPE", "multipart/form-data; boundary=b"},
+                            {"CONTENT_LENGTH", std::to_string(body.size())}},
+                           in, options);
+    EXPECT_EQ(FindUncleanParameter(request.params), name) << part;
+  }
+}
+
 TEST(CredentialsTest, SessionFieldElseCookieAndTokenHeaderElseField) {
   const struct {
     const char* cookie;
@@ -116,7 +158,10 @@ TEST(LanguageTest, FirstTagDecides) {
 TEST(AnswerTest, HeadersLengthAndBody) {
   EXPECT_EQ(BuildAnswer(ErrorEnvelope(119), {"Set-Cookie: id=; Max-Age=0"}),
             "Content-Type: application/json; charset=utf-8\r\nX-Content-Type-Options: nosniff\r\n"
-            "Cache-Control: no-store\r\nContent-Length: 38\r\nSet-Cookie: id=; Max-Age=0\r\n\r\n"
+            "Cache-Control: no-store\r\nContent-Security-Policy: sandbox; default-src 'none'; "
+            "style-src 'unsafe-inline'; img-src data:; frame-ancestors 'self'\r\n"
+            "Referrer-Policy: no-referrer\r\nContent-Length: 38\r\nSet-Cookie: id=; Max-Age=0\r\n"
+            "\r\n"
             R"({"error":{"code":119},"success":false})");
   // The length counts bytes, not characters, and the text stays UTF-8.
   const std::string utf8 = BuildAnswer(Parse(R"({"data": "✓"})"));

@@ -15,6 +15,8 @@
 #include <fstream>
 #include <map>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "appliance/system/appliance.h"
 #include "appliance/system/testing.h"
@@ -181,10 +183,17 @@ TEST_P(HostTest, WhatTheHandlerLeavesBehind) {
   EXPECT_EQ(Body(Run(Echo("checked&ok=false"))), Parse(R"({"success": false, "error":
       {"code": 120, "errors": {"name": "ok", "reason": "condition"}}})"));
   EXPECT_EQ(Body(Run(Echo("checked&ok=true")))["data"]["user"], "alice");
-  // Output off: the handler's own bytes are the whole answer, also when it
-  // throws after them.
-  EXPECT_EQ(Run(Echo("raw")), "Status: 404 Not Found\r\n\r\n");
-  EXPECT_EQ(Run(Echo("raw_then_throw")), "Status: 404 Not Found\r\n\r\n");
+  // Output off: the handler's own bytes are the answer, also when it throws
+  // after them, with the host's headers put in.
+  const std::string page =
+      "Status: 404 Not Found\r\nContent-Type: application/octet-stream\r\n"
+      "X-Content-Type-Options: nosniff\r\nCache-Control: no-store\r\n"
+      "Content-Security-Policy: sandbox; default-src 'none'; style-src 'unsafe-inline'; "
+      "img-src data:; frame-ancestors 'self'\r\nReferrer-Policy: no-referrer\r\n\r\n";
+  EXPECT_EQ(Run(Echo("raw")), page);
+  EXPECT_EQ(Run(Echo("raw_then_throw")), page);
+  // Output off and nothing written: the host answers after all.
+  EXPECT_EQ(Body(Run(Echo("silent_throw"))), Error(100));
 }
 
 TEST_P(HostTest, AdministratorAndCustomAuthentication) {
@@ -194,15 +203,28 @@ TEST_P(HostTest, AdministratorAndCustomAuthentication) {
       appliance::UserStore::Add("root", "root pw", true, "localdomain")));
   EXPECT_EQ(Body(Run(admin_api + root.id))["data"]["user"], "root");
 
-  // The plug-in decides about a request without a live session; a link
-  // opened from the page carries the cookie but no token.
+  // The plug-in decides about a request without a live session with its
+  // token: it sees neither a user nor a session id then, so that a link in a
+  // mail (the cookie comes along) or one naming another's _sid is no one's.
   const std::string custom = "api=ZEVO.Test.Custom&version=1&method=echo";
-  const Json::Value stale = Body(Run(custom + "&_sid=stale"))["data"];
-  EXPECT_EQ(stale["uid"].asInt64(), ZEVO::kUnknownUID);
-  EXPECT_EQ(stale["sid"], "stale");
-  EXPECT_EQ(Body(Run(custom))["data"]["uid"].asInt64(), ZEVO::kUnknownUID);
-  EXPECT_EQ(Body(Run(custom, {{"HTTP_COOKIE", "id=" + session_.id}}))["data"]["uid"].asUInt(),
+  const Json::Value nobody = Parse(R"({"uid": 4294967295, "sid": ""})");
+  for (const auto& [query, extra] : std::vector<std::pair<std::string, Env>>{
+           {custom + "&_sid=stale", {}},
+           {custom, {}},
+           {custom + "&_sid=" + session_.id, {}},
+           {custom, {{"HTTP_COOKIE", "id=" + session_.id}}},
+           {custom + "&_sid=" + session_.id + "&_token=wrong", {}},
+       }) {
+    const Json::Value data = Body(Run(query, extra))["data"];
+    EXPECT_EQ(data["uid"], nobody["uid"]) << query;
+    EXPECT_EQ(data["sid"], nobody["sid"]) << query;
+  }
+  EXPECT_EQ(Body(Run(custom + "&_sid=" + session_.id + "&_token=" + session_.token))["data"]["uid"]
+                .asUInt(),
             user_.uid);
+  EXPECT_EQ(Body(Run(custom, {{"HTTP_COOKIE", "id=" + session_.id},
+                              {"HTTP_X_ZEVO_TOKEN", session_.token}}))["data"]["sid"],
+            session_.id);
 }
 
 TEST_P(HostTest, BrokenSetupsAndRefusedRequests) {

@@ -63,6 +63,12 @@ void RawThenThrow(ZEVO::APIRequest* request, ZEVO::APIResponse* response) {
   throw std::runtime_error("after the answer");
 }
 
+// Output off, nothing written, then an exception.
+void SilentThrow(ZEVO::APIRequest*, ZEVO::APIResponse* response) {
+  response->SetEnableOutput(false);
+  throw std::runtime_error("before any answer");
+}
+
 // Lets the request through only when "ok" is true.
 bool CheckOk(ZEVO::APIRequest* request, ZEVO::APIResponse* response) {
   if (request->GetAndCheckBool("ok", ZEVO::kRequired, nullptr).Get()) return true;
@@ -84,6 +90,7 @@ const ZEVO::APITableEntry gTable[] = {
     {"ZEVO.Test.Echo", 1, "throw_std", ThrowStd},
     {"ZEVO.Test.Echo", 1, "raw", Raw},
     {"ZEVO.Test.Echo", 1, "raw_then_throw", RawThenThrow},
+    {"ZEVO.Test.Echo", 1, "silent_throw", SilentThrow},
     {"ZEVO.Test.Echo", 1, "checked", Echo},
     {"ZEVO.Test.Admin", 1, "echo", Echo},
     // The last row: the host must see it although nothing marks the end.

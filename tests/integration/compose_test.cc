@@ -119,6 +119,7 @@ class ComposeTest : public ::testing::Test {
                             {{"account", "ann"}, {"passwd", "secret"}}, /*post=*/true);
     ASSERT_TRUE(login.json["success"].asBool()) << login.body;
     sid_ = login.json["data"]["sid"].asString();
+    token_ = login.json["data"]["token"].asString();
     ASSERT_TRUE(Data("ZEVO.Larkpost.Info", "getinfo")["database_ready"].asBool());
   }
 
@@ -127,7 +128,7 @@ class ComposeTest : public ::testing::Test {
   HttpAnswer Call(const std::string& api, const std::string& method,
                   const Json::Value& params = Json::Value(Json::objectValue), bool get = false) {
     std::map<std::string, std::string> form = {
-        {"api", api}, {"version", "1"}, {"method", method}, {"_sid", sid_}};
+        {"api", api}, {"version", "1"}, {"method", method}, {"_sid", sid_}, {"_token", token_}};
     for (const std::string& name : params.getMemberNames()) {
       form[name] = ZEVO::WebAPIUtil::ToString(params[name]);
     }
@@ -151,7 +152,7 @@ class ComposeTest : public ::testing::Test {
                     const std::string& type = "application/octet-stream") {
     return HttpUpload(server_->url("/webapi/entry.cgi?api=ZEVO.Larkpost.Attachment&version=1&"
                                    "method=upload&_sid=" +
-                                   sid_),
+                                   sid_ + "&_token=" + token_),
                       {{"is_inline", is_inline ? "true" : "false"}},
                       {{"upload", name, content, type}});
   }
@@ -216,6 +217,7 @@ class ComposeTest : public ::testing::Test {
   uint32_t uid_ = 0;
   std::unique_ptr<Server> server_;
   std::string sid_;
+  std::string token_;
 };
 
 Json::Value Strings(std::initializer_list<const char*> texts) {
