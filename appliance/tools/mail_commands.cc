@@ -10,6 +10,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "appliance/mailcore/message_store.h"
@@ -79,10 +80,21 @@ std::string Describe(const ornic::Error& error) {
 }
 
 // Ends an import that failed, saying how far it got: what was stored
-// before stays stored.
-[[noreturn]] void ImportStopped(const std::string& why, size_t stored) {
-  if (stored == 0) throw std::runtime_error(why);
-  throw std::runtime_error(why + "; " + std::to_string(stored) + " messages were stored before");
+// before stays stored, and the first message that was not is named by its
+// source and its number there. `read` holds each source's path and how
+// many messages were read from it, in order.
+[[noreturn]] void ImportStopped(const std::string& why, size_t stored,
+                                const std::vector<std::pair<std::string, size_t>>& read) {
+  std::string text = why + "; " + std::to_string(stored) + " messages were stored";
+  size_t before = 0;
+  for (const auto& [path, count] : read) {
+    if (stored < before + count) {
+      text += ", none from message " + std::to_string(stored - before + 1) + " of " + path + " on";
+      break;
+    }
+    before += count;
+  }
+  throw std::runtime_error(text);
 }
 
 // The store of a user, opened as the web client's first call opens it:
@@ -229,6 +241,7 @@ int Deliver(const Args& args) {
 int Import(const Args& args) {
   MailArgs words = ReadArgs("import", args, true);
   size_t stored = 0;
+  std::vector<std::pair<std::string, size_t>> read;
   try {
     MailStore user(words.user);
     // Every source is looked at before anything is stored, so that a typing
@@ -241,7 +254,9 @@ int Import(const Args& args) {
     std::vector<store::NewMessage> batch;
     batch.reserve(kImportBatch);
     for (const mime::MailSource& source : sources) {
+      read.emplace_back(source.path(), 0);
       source.ForEach([&](mime::SourceMessage&& found) {
+        ++read.back().second;
         store::NewMessage message =
             mime::ParseMessage(std::move(found.raw), found.time_without_date);
         message.mailbox_id = mailbox;
@@ -261,9 +276,9 @@ int Import(const Args& args) {
     std::cout << stored << "\n";
     return 0;
   } catch (const ornic::Error& error) {
-    ImportStopped(Describe(error), stored);
+    ImportStopped(Describe(error), stored, read);
   } catch (const std::runtime_error& error) {
-    ImportStopped(error.what(), stored);
+    ImportStopped(error.what(), stored, read);
   }
 }
 

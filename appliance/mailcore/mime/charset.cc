@@ -130,7 +130,10 @@ class ConverterCache {
   std::unordered_map<std::string, iconv_t> converters_;
 };
 
-std::string Convert(iconv_t converter, const std::string& bytes) {
+// `bytes` through `converter`; `*clean`, when given, tells whether every
+// sequence was valid.
+std::string Convert(iconv_t converter, const std::string& bytes, bool* clean = nullptr) {
+  if (clean != nullptr) *clean = true;
   std::string out;
   out.reserve(bytes.size() + bytes.size() / 2);
   char* in = const_cast<char*>(bytes.data());
@@ -146,6 +149,7 @@ std::string Convert(iconv_t converter, const std::string& bytes) {
     // An invalid sequence (EILSEQ), or one cut off by the end of the text
     // (EINVAL): one replacement for it, then on after its first byte.
     AppendUtf8(out, kReplacement);
+    if (clean != nullptr) *clean = false;
     if (error == EINVAL) break;
     ++in;
     --in_left;
@@ -203,6 +207,30 @@ std::string Utf8Prefix(const std::string& text, size_t max_bytes) {
   return text.substr(0, end);
 }
 
+namespace {
+
+// iconv descriptors of this thread.
+ConverterCache& Converters() {
+  static thread_local ConverterCache converters;
+  return converters;
+}
+
+}  // namespace
+
+bool ToUtf8Strict(const std::string& bytes, const std::string& charset, std::string* text) {
+  const std::string name = Lower(charset);
+  if (name.empty()) return false;
+  if (name == "utf-8" || name == "utf8") {
+    *text = bytes;
+    return IsValidUtf8(bytes);
+  }
+  iconv_t converter = Converters().Get(name);
+  if (converter == ConverterCache::kNone) return false;
+  bool clean = false;
+  *text = Convert(converter, bytes, &clean);
+  return clean;
+}
+
 std::string ToUtf8(const std::string& bytes, const std::string& charset) {
   std::string name = Lower(charset);
   if (name == "utf-8" || name == "utf8") {
@@ -213,8 +241,7 @@ std::string ToUtf8(const std::string& bytes, const std::string& charset) {
     return IsValidUtf8(bytes) ? bytes : FromWindows1252(bytes);
   }
   if (name == "windows-1252" || name == "cp1252") return FromWindows1252(bytes);
-  static thread_local ConverterCache converters;
-  iconv_t converter = converters.Get(name);
+  iconv_t converter = Converters().Get(name);
   if (converter == ConverterCache::kNone) return ToUtf8(bytes, "");
   return Convert(converter, bytes);
 }

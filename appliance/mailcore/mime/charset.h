@@ -16,6 +16,10 @@ namespace ornic::larkpost::mime {
 // A charset that this system does not know is treated as undeclared.
 std::string ToUtf8(const std::string& bytes, const std::string& charset);
 
+// `bytes` in `charset` as UTF-8 into `*text`, only when `charset` is known
+// and every byte sequence is valid in it; false otherwise.
+bool ToUtf8Strict(const std::string& bytes, const std::string& charset, std::string* text);
+
 // True when `text` is well-formed UTF-8 (no overlong forms, no surrogates).
 bool IsValidUtf8(const std::string& text);
 

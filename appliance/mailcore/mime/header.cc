@@ -244,15 +244,14 @@ std::string DisplayText(const std::string& name, const std::string& address) {
   return address.empty() ? shown : shown + " <" + address + ">";
 }
 
-// An address without blanks, without a source route ("@relay:ann@x").
-std::string CleanAddress(const std::string& raw) {
-  std::string address;
-  for (char c : raw) {
-    if (!IsSpace(c)) address += c;
-  }
-  size_t route = address.rfind(':');
-  if (route != std::string::npos && address[0] == '@') address.erase(0, route + 1);
-  return ToUtf8(CleanControls(address), "");
+// Raw header bytes as UTF-8: UTF-8 when they are, else the charset that the
+// message declares for its text when they read cleanly in it, else
+// Windows-1252. Legacy CJK mail (GB2312, Big5) often writes its headers in
+// the body's charset, unencoded.
+std::string DecodeRaw(const std::string& bytes, const std::string& charset) {
+  std::string text;
+  if (!charset.empty() && !IsValidUtf8(bytes) && ToUtf8Strict(bytes, charset, &text)) return text;
+  return ToUtf8(bytes, "");
 }
 
 // ------------------------------------------------------------ file names
@@ -394,7 +393,7 @@ std::string FieldValueAt(std::string_view source, size_t offset, const std::stri
 
 // ----------------------------------------------------------- decoded texts
 
-std::string DecodeHeaderText(const std::string& raw) {
+std::string DecodeHeaderText(const std::string& raw, const std::string& charset) {
   std::string text = Unfold(raw);
   std::string out;
   std::string plain;  // text since the last encoded word
@@ -418,7 +417,7 @@ std::string DecodeHeaderText(const std::string& raw) {
     } else {
       bool between_words = have_word && only_blanks;
       flush_word();
-      if (!between_words) out += ToUtf8(plain, "");
+      if (!between_words) out += DecodeRaw(plain, charset);
       have_word = true;
       word_charset = word.charset;
       word_bytes = word.bytes;
@@ -427,64 +426,210 @@ std::string DecodeHeaderText(const std::string& raw) {
     i = word.end;
   }
   flush_word();
-  out += ToUtf8(plain, "");
+  out += DecodeRaw(plain, charset);
   return TrimBlanks(CleanControls(out));
 }
 
-std::vector<std::string> ParseAddressList(const std::string& raw) {
-  std::string text = Unfold(raw);
-  std::vector<std::string> list;
-  std::string phrase, address, comment;
-  bool angle = false;
-  auto finish = [&] {
-    std::string name = CollapseBlanks(DecodeHeaderText(phrase));
-    if (angle) {
-      std::string clean = CleanAddress(address);
-      if (name.empty()) name = CollapseBlanks(DecodeHeaderText(comment));
-      if (!clean.empty() || !name.empty()) list.push_back(DisplayText(name, clean));
-    } else if (!name.empty()) {
-      // A bare address ("ann@example.org (Ann)"), or a name with no address.
-      if (name.find('@') != std::string::npos) {
-        list.push_back(
-            DisplayText(CollapseBlanks(DecodeHeaderText(comment)), CleanAddress(phrase)));
-      } else {
-        list.push_back(name);
-      }
-    }
-    phrase.clear();
-    address.clear();
-    comment.clear();
-    angle = false;
-  };
-  for (size_t i = 0; i < text.size();) {
-    char c = text[i];
-    if (c == '"') {
-      // Its specials (",", ":") are text; encoded words in it are decoded
-      // with the rest of the phrase, as many senders expect.
-      phrase += ReadQuoted(text, &i);
-    } else if (c == '(') {
-      std::string inner = ReadComment(text, &i);
-      if (comment.empty()) comment = inner;
-      phrase += ' ';
-    } else if (c == '<') {
-      size_t close = text.find('>', i + 1);
-      if (close == std::string::npos) close = text.size();
-      address = text.substr(i + 1, close - i - 1);
-      angle = true;
-      i = std::min(close + 1, text.size());
-    } else if (c == ',' || c == ';') {
-      finish();
-      ++i;
-    } else if (c == ':' && !angle) {
-      phrase.clear();  // a group's name
-      comment.clear();
-      ++i;
-    } else {
-      phrase += c;
-      ++i;
+namespace {
+
+// One mailbox of an address list, as tokens: words (atoms, with the dots
+// and domain literals they hold), quoted strings, comments and the specials
+// that matter inside a mailbox.
+struct AddressToken {
+  enum Kind { kWord, kQuoted, kComment, kAt, kOpen, kClose } kind;
+  std::string text;
+  bool space_before;  // blanks (or a comment) before it
+};
+
+std::string AddressWordText(const AddressToken& token) {
+  if (token.kind == AddressToken::kAt) return "@";
+  if (token.kind != AddressToken::kQuoted) return token.text;
+  // A quoted local part keeps its quotes.
+  std::string quoted = "\"";
+  for (char c : token.text) {
+    if (c == '"' || c == '\\') quoted += '\\';
+    quoted += c;
+  }
+  return quoted + "\"";
+}
+
+// An address without blanks or comments, without a source route
+// ("@relay:ann@x").
+std::string JoinAddress(const std::vector<AddressToken>& tokens, const std::string& charset) {
+  std::string address;
+  for (const AddressToken& token : tokens) {
+    if (token.kind != AddressToken::kComment) address += AddressWordText(token);
+  }
+  size_t route = address.rfind(':');
+  if (route != std::string::npos && !address.empty() && address[0] == '@') {
+    address.erase(0, route + 1);
+  }
+  return DecodeRaw(CleanControls(address), charset);
+}
+
+std::string JoinPhrase(const std::vector<AddressToken>& tokens, const std::string& charset) {
+  std::string phrase;
+  for (const AddressToken& token : tokens) {
+    if (token.kind == AddressToken::kComment) continue;
+    if (!phrase.empty() && token.space_before) phrase += ' ';
+    phrase += token.kind == AddressToken::kAt ? "@" : token.text;
+  }
+  return CollapseBlanks(DecodeHeaderText(phrase, charset));
+}
+
+std::string FirstComment(const std::vector<AddressToken>& tokens, const std::string& charset) {
+  for (const AddressToken& token : tokens) {
+    if (token.kind == AddressToken::kComment) {
+      std::string text = CollapseBlanks(DecodeHeaderText(token.text, charset));
+      if (!text.empty()) return text;
     }
   }
-  finish();
+  return "";
+}
+
+// A mailbox written without angle brackets: whatever senders put there.
+// Words joined by "@" (blanks and comments around it allowed, as the
+// obsolete syntax does) are addresses, every other word is display name:
+// "tim@a.example concierge@a.example" is two mailboxes, "Big Bug bb@bug.com"
+// one with a name. A comment after an address names it when nothing else
+// does ("ann@example.org (Ann)"); a comment inside one is dropped.
+void AddBareMailboxes(const std::vector<AddressToken>& tokens, const std::string& charset,
+                      std::vector<std::string>* list) {
+  struct Piece {
+    std::vector<AddressToken> tokens;
+    bool address = false;
+  };
+  std::vector<Piece> pieces;
+  std::vector<AddressToken> comments_outside;
+  for (size_t i = 0; i < tokens.size(); ++i) {
+    const AddressToken& token = tokens[i];
+    const bool at = token.kind == AddressToken::kAt;
+    if (token.kind == AddressToken::kComment) {
+      // Inside an address when an "@" is next to it.
+      auto at_beside = [&](size_t k, int step) {
+        while (k < tokens.size() && tokens[k].kind == AddressToken::kComment) k += step;
+        return k < tokens.size() && tokens[k].kind == AddressToken::kAt;
+      };
+      if (!at_beside(i + 1, 1) && !(i > 0 && at_beside(i - 1, -1))) {
+        comments_outside.push_back(token);
+      }
+      continue;
+    }
+    // Blanks may stand around the "@" and, in a domain, around its dots.
+    auto dot_beside = [&](const AddressToken& before) {
+      return pieces.back().address && ((!token.text.empty() && token.text.front() == '.') ||
+                                       (!before.text.empty() && before.text.back() == '.'));
+    };
+    const bool glued = !pieces.empty() && (at || !token.space_before ||
+                                           pieces.back().tokens.back().kind == AddressToken::kAt ||
+                                           dot_beside(pieces.back().tokens.back()));
+    if (!glued) pieces.emplace_back();
+    pieces.back().tokens.push_back(token);
+    if (at) pieces.back().address = true;
+  }
+  std::vector<AddressToken> name;
+  std::vector<std::pair<std::string, std::string>> found;  // name, address
+  for (const Piece& piece : pieces) {
+    if (!piece.address) {
+      name.insert(name.end(), piece.tokens.begin(), piece.tokens.end());
+      name.back().space_before = true;
+      continue;
+    }
+    found.emplace_back(JoinPhrase(name, charset), JoinAddress(piece.tokens, charset));
+    name.clear();
+  }
+  if (found.empty()) {
+    // A name with no address (a local part alone, a list's label).
+    const std::string text = JoinPhrase(name, charset);
+    if (!text.empty()) list->push_back(text);
+    return;
+  }
+  // Words after the last address name it, or a comment when nothing else.
+  std::pair<std::string, std::string>& last = found.back();
+  if (last.first.empty()) last.first = JoinPhrase(name, charset);
+  if (last.first.empty() && found.size() == 1) last.first = FirstComment(comments_outside, charset);
+  for (const auto& [text, address] : found) list->push_back(DisplayText(text, address));
+}
+
+// One mailbox (or a run of bare addresses) of an address list.
+void AddMailboxes(const std::vector<AddressToken>& tokens, const std::string& charset,
+                  std::vector<std::string>* list) {
+  const auto open = std::find_if(tokens.begin(), tokens.end(), [](const AddressToken& token) {
+    return token.kind == AddressToken::kOpen;
+  });
+  if (open == tokens.end()) {
+    AddBareMailboxes(tokens, charset, list);
+    return;
+  }
+  const auto close = std::find_if(open, tokens.end(), [](const AddressToken& token) {
+    return token.kind == AddressToken::kClose;
+  });
+  const std::vector<AddressToken> phrase(tokens.begin(), open);
+  std::string name = JoinPhrase(phrase, charset);
+  const std::string address = JoinAddress({open + 1, close}, charset);
+  if (name.empty()) name = FirstComment(tokens, charset);
+  if (!address.empty() || !name.empty()) list->push_back(DisplayText(name, address));
+}
+
+}  // namespace
+
+std::vector<std::string> ParseAddressList(const std::string& raw, const std::string& charset) {
+  const std::string text = Unfold(raw);
+  std::vector<std::string> list;
+  std::vector<AddressToken> tokens;  // of the mailbox being read
+  bool space = false, angle = false;
+  auto add = [&](AddressToken::Kind kind, std::string token_text) {
+    tokens.push_back({kind, std::move(token_text), space});
+    space = false;
+  };
+  for (size_t i = 0; i < text.size();) {
+    const char c = text[i];
+    if (IsSpace(c)) {
+      space = true;
+      ++i;
+    } else if (c == '"') {
+      // Its specials (",", ":") are text; encoded words in it are decoded
+      // with the rest of the phrase, as many senders expect.
+      add(AddressToken::kQuoted, ReadQuoted(text, &i));
+    } else if (c == '(') {
+      add(AddressToken::kComment, ReadComment(text, &i));
+      space = true;
+    } else if (c == '<' && !angle) {
+      add(AddressToken::kOpen, "");
+      angle = true;
+      ++i;
+    } else if (c == '>' && angle) {
+      add(AddressToken::kClose, "");
+      angle = false;
+      ++i;
+    } else if (c == '@') {
+      add(AddressToken::kAt, "");
+      ++i;
+    } else if ((c == ',' || c == ';') && !angle) {
+      AddMailboxes(tokens, charset, &list);
+      tokens.clear();
+      ++i;
+    } else if (c == ':' && !angle) {
+      tokens.clear();  // a group's name
+      ++i;
+    } else {
+      // A word: an atom with its dots, or a domain literal.
+      size_t end = i;
+      while (end < text.size() && !IsSpace(text[end]) &&
+             std::string_view("\"()<>@,;:").find(text[end]) == std::string_view::npos) {
+        if (text[end] == '[') {
+          const size_t literal_end = text.find(']', end);
+          end = literal_end == std::string::npos ? text.size() : literal_end + 1;
+        } else {
+          end += text[end] == '\\' && end + 1 < text.size() ? 2 : 1;
+        }
+      }
+      if (end == i) end = i + 1;  // a stray ">" or ":" inside brackets
+      add(AddressToken::kWord, text.substr(i, end - i));
+      i = end;
+    }
+  }
+  AddMailboxes(tokens, charset, &list);
   return list;
 }
 

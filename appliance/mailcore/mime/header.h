@@ -47,16 +47,22 @@ std::string FieldValueAt(std::string_view source, size_t offset, const std::stri
 // Unstructured header text (Subject, a display name) as UTF-8: unfolded,
 // RFC 2047 encoded words decoded (adjacent words of one charset joined
 // before decoding, so a character split between two words survives), raw
-// 8-bit text read as UTF-8 or Windows-1252, control characters turned into
-// blanks and NUL removed, blanks at either end trimmed.
-std::string DecodeHeaderText(const std::string& raw);
+// 8-bit text read as UTF-8, else in `charset` (what the message declares for
+// its text, "" for none) when it reads cleanly in it, else as Windows-1252;
+// control characters turned into blanks and NUL removed, blanks at either
+// end trimmed.
+std::string DecodeHeaderText(const std::string& raw, const std::string& charset = "");
 
 // An address list header (From, To, Cc, Bcc) as one display text per
 // mailbox: "Ann Example <ann@example.org>", "ann@example.org", or
-// "\"Example, Ann\" <ann@example.org>" when the name needs quotes. Group
-// names are dropped, their members kept; a comment stands in for a missing
-// display name.
-std::vector<std::string> ParseAddressList(const std::string& raw);
+// "\"Example, Ann\" <ann@example.org>" when the name needs quotes. Read as
+// RFC 5322 with its obsolete forms: group names are dropped, their members
+// kept; comments are dropped, though one outside the address stands in for a
+// missing display name. Lists that break the syntax are read as careful
+// readers do: bare addresses apart from each other ("a@x b@y" is two),
+// words beside a bare address its display name ("Big Bug bb@bug.com").
+// Raw 8-bit names are read as DecodeHeaderText reads them.
+std::vector<std::string> ParseAddressList(const std::string& raw, const std::string& charset = "");
 
 // The message ids of Message-ID, In-Reply-To or References, without angle
 // brackets, in order. Text outside angle brackets is ignored, unless the

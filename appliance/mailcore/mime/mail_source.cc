@@ -21,6 +21,9 @@
 namespace ornic::larkpost::mime {
 namespace {
 
+// How much of a message's start is looked at for its header block.
+constexpr size_t kHeaderWindow = size_t{256} << 10;
+
 std::runtime_error Failure(const std::string& path, const std::string& what) {
   return std::runtime_error(path + ": " + what);
 }
@@ -261,9 +264,61 @@ void MailSource::ForEachInMbox(const std::function<void(SourceMessage&&)>& each)
     const void* newline = memchr(data + begin, '\n', size - begin);
     return newline ? static_cast<size_t>(static_cast<const char*>(newline) - data) : size;
   };
-  // A "From " line starts a message when it is the file's first line or
-  // reads as one (a sender and a date): a body line "From here on..." that
+  auto starts_with_from = [&](size_t at) {
+    return size - at >= 5 && memcmp(data + at, "From ", 5) == 0;
+  };
+  // Where the line before the one at `at` (just after a "\n") is blank.
+  auto after_blank_line = [&](size_t at) {
+    return (at >= 2 && data[at - 2] == '\n') ||
+           (at >= 3 && data[at - 2] == '\r' && data[at - 3] == '\n');
+  };
+  // A "From " line starts a message when it is the file's first line, or
+  // comes after a blank line (as mbox writers put it) and is followed by a
+  // header field or has a sender and a date, whatever else it says ("From
+  // - ", "From 1844@xxx"). One that reads as a sender and a date starts a
+  // message even without the blank line; a body line "From here on..." that
   // a writer forgot to quote stays in its message.
+  auto starts_message = [&](size_t candidate, int64_t* time) {
+    const size_t end = line_end(candidate);
+    if (ParseFromLine(std::string(data + candidate, end - candidate), time)) return true;
+    *time = 0;
+    if (!after_blank_line(candidate) || end >= size) return false;
+    const size_t next = end + 1, next_end = line_end(next);
+    const size_t colon = std::string_view(data + next, next_end - next).find(':');
+    return colon != std::string_view::npos && colon > 0 &&
+           std::all_of(data + next, data + next + colon, [](char c) { return c > ' ' && c < 127; });
+  };
+  // The end of the message that starts at `begin` as its Content-Length
+  // header says, when it is there and agrees with the file: the end of the
+  // file or a "From " line (after a blank line) is found there. Senders'
+  // unquoted "From " lines in such bodies stay in them.
+  auto end_by_length = [&](size_t begin, size_t* next) {
+    const std::string_view window(data + begin, std::min(size - begin, kHeaderWindow));
+    const HeaderBlock headers = ScanHeaders(window);
+    const std::string* length = headers.Find("Content-Length");
+    if (length == nullptr || headers.body_offset == 0 || headers.body_offset >= window.size()) {
+      return size_t{0};
+    }
+    const std::string digits = std::string(*length).erase(0, length->find_first_not_of(" \t"));
+    char* stop = nullptr;
+    errno = 0;
+    const unsigned long long count = strtoull(digits.c_str(), &stop, 10);
+    if (stop == digits.c_str() || errno != 0 || count > size) return size_t{0};
+    const size_t end = begin + headers.body_offset + static_cast<size_t>(count);
+    if (end > size) return size_t{0};
+    if (end == size) {
+      *next = size;
+      return end;
+    }
+    for (size_t from : {end, end + 1, end + 2}) {
+      if (from <= size && data[from - 1] == '\n' && starts_with_from(from) &&
+          std::all_of(data + end, data + from, [](char c) { return c == '\r' || c == '\n'; })) {
+        *next = from;
+        return end;
+      }
+    }
+    return size_t{0};
+  };
   size_t from_line = 0;
   int64_t from_time = 0;
   constexpr size_t kReleaseBytes = size_t{64} << 20;
@@ -274,23 +329,27 @@ void MailSource::ForEachInMbox(const std::function<void(SourceMessage&&)>& each)
     size_t begin = std::min(line_end(from_line) + 1, size);
     size_t end = size, next = size;
     int64_t next_time = 0;
-    for (size_t at = begin; at < size;) {
-      const void* hit = memmem(data + at, size - at, "\nFrom ", 6);
-      if (hit == nullptr) break;
-      size_t candidate = static_cast<const char*>(hit) - data + 1;
-      size_t candidate_end = line_end(candidate);
-      if (ParseFromLine(std::string(data + candidate, candidate_end - candidate), &next_time)) {
-        end = next = candidate;
-        break;
+    if (size_t by_length = end_by_length(begin, &next)) {
+      end = by_length;
+      if (next < size) ParseFromLine(std::string(data + next, line_end(next) - next), &next_time);
+    } else {
+      for (size_t at = begin; at < size;) {
+        const void* hit = memmem(data + at, size - at, "\nFrom ", 6);
+        if (hit == nullptr) break;
+        size_t candidate = static_cast<const char*>(hit) - data + 1;
+        if (starts_message(candidate, &next_time)) {
+          end = next = candidate;
+          break;
+        }
+        at = candidate;
       }
-      at = candidate;
-    }
-    // The blank line that the mbox writer put before the next "From " is
-    // the format's, not the message's.
-    if (end - begin >= 2 && data[end - 1] == '\n' && data[end - 2] == '\n') {
-      --end;
-    } else if (end - begin >= 4 && memcmp(data + end - 4, "\r\n\r\n", 4) == 0) {
-      end -= 2;
+      // The blank line that the mbox writer put before the next "From " is
+      // the format's, not the message's.
+      if (end - begin >= 2 && data[end - 1] == '\n' && data[end - 2] == '\n') {
+        --end;
+      } else if (end - begin >= 4 && memcmp(data + end - 4, "\r\n\r\n", 4) == 0) {
+        end -= 2;
+      }
     }
     SourceMessage message;
     message.raw = Unquote(data + begin, end - begin);

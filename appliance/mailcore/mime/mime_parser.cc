@@ -687,10 +687,36 @@ std::string JoinAddresses(const std::vector<std::string>& addresses) {
   return joined;
 }
 
-std::vector<std::string> AddressesOf(const HeaderBlock& headers, const char* name) {
+// The charset that the message declares for its text: the top-level one,
+// else the first that a part declares; "" when there is none but ASCII or
+// UTF-8. Raw 8-bit headers are tried in it.
+std::string DeclaredCharset(const HeaderBlock& headers, const ParsedSource& source) {
+  auto legacy = [](const std::string& charset) {
+    const std::string name = Lower(charset);
+    return name == "us-ascii" || name == "utf-8" || name == "utf8" ? "" : name;
+  };
+  if (const std::string* type = headers.Find("Content-Type")) {
+    const std::string charset = legacy(ParseParameterizedValue(*type).params["charset"]);
+    if (!charset.empty()) return charset;
+  }
+  if (!source.message) return "";
+  std::unique_ptr<GMimePartIter, PartIterRelease> iter(
+      g_mime_part_iter_new(GMIME_OBJECT(source.message.get())));
+  do {
+    GMimeObject* object = g_mime_part_iter_get_current(iter.get());
+    if (object == nullptr) break;
+    const char* declared = g_mime_object_get_content_type_parameter(object, "charset");
+    const std::string charset = legacy(declared ? declared : "");
+    if (!charset.empty()) return charset;
+  } while (g_mime_part_iter_next(iter.get()));
+  return "";
+}
+
+std::vector<std::string> AddressesOf(const HeaderBlock& headers, const char* name,
+                                     const std::string& charset) {
   std::vector<std::string> all;
   for (const std::string& value : headers.FindAll(name)) {
-    for (std::string& address : ParseAddressList(value)) all.push_back(std::move(address));
+    for (std::string& address : ParseAddressList(value, charset)) all.push_back(std::move(address));
   }
   return all;
 }
@@ -708,15 +734,15 @@ int64_t DateOf(const HeaderBlock& headers) {
   return seconds;
 }
 
-void ReadHeaders(const HeaderBlock& headers, int64_t time_without_date,
+void ReadHeaders(const HeaderBlock& headers, const std::string& charset, int64_t time_without_date,
                  store::NewMessage& message) {
   if (const std::string* subject = headers.Find("Subject")) {
-    message.subject = DecodeHeaderText(*subject);
+    message.subject = DecodeHeaderText(*subject, charset);
   }
-  message.from = JoinAddresses(AddressesOf(headers, "From"));
-  message.to = AddressesOf(headers, "To");
-  message.cc = AddressesOf(headers, "Cc");
-  message.bcc = AddressesOf(headers, "Bcc");
+  message.from = JoinAddresses(AddressesOf(headers, "From", charset));
+  message.to = AddressesOf(headers, "To", charset);
+  message.cc = AddressesOf(headers, "Cc", charset);
+  message.bcc = AddressesOf(headers, "Bcc", charset);
   if (const std::string* id = headers.Find("Message-ID")) {
     std::vector<std::string> ids = ParseMessageIds(*id);
     if (!ids.empty()) message.rfc_message_id = ids[0];
@@ -780,7 +806,7 @@ store::NewMessage Parse(SourceBytes& bytes, int64_t time_without_date) {
       break;
     }
   }
-  ReadHeaders(headers, time_without_date, message);
+  ReadHeaders(headers, DeclaredCharset(headers, source), time_without_date, message);
   if (source.message) {
     PartWalker(source, message).Walk();
   } else {

@@ -13,6 +13,10 @@
 // back to flagged UTF-8 names: an archive with names in two encodings would
 // read wrongly everywhere.
 //
+// Entries with code-page names are marked as made on MS-DOS, which tells
+// extractors to read their names in the OEM code page, and carry the UTF-8
+// name in an Info-ZIP Unicode Path field for the extractors that read it.
+//
 // The archive is written under a temporary name beside ARCHIVE and renamed
 // into place (an existing one is replaced, never updated), so a failure
 // leaves nothing behind. File contents are streamed in blocks. Exit status 0
@@ -31,6 +35,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <map>
@@ -377,6 +382,183 @@ class Writer {
   archive* archive_;
 };
 
+// Raw little-endian fields of the zip format.
+uint64_t Little(const std::string& data, size_t at, int bytes) {
+  uint64_t value = 0;
+  for (int i = bytes - 1; i >= 0; --i) value = value << 8 | static_cast<uint8_t>(data.at(at + i));
+  return value;
+}
+
+void SetLittle(std::string& data, size_t at, int bytes, uint64_t value) {
+  for (int i = 0; i < bytes; ++i) data.at(at + i) = static_cast<char>(value >> (8 * i) & 0xFF);
+}
+
+std::string PutLittle(int bytes, uint64_t value) {
+  std::string data(bytes, '\0');
+  SetLittle(data, 0, bytes, value);
+  return data;
+}
+
+uint32_t Crc32(const std::string& data) {
+  uint32_t crc = 0xFFFFFFFF;
+  for (unsigned char c : data) {
+    crc ^= c;
+    for (int bit = 0; bit < 8; ++bit) crc = (crc >> 1) ^ (0xEDB88320 & (0 - (crc & 1)));
+  }
+  return ~crc;
+}
+
+std::string ReadAt(int fd, uint64_t offset, uint64_t length) {
+  std::string data(length, '\0');
+  if (pread(fd, data.data(), length, static_cast<off_t>(offset)) != static_cast<ssize_t>(length))
+    Fail("cannot read back the archive");
+  return data;
+}
+
+void WriteAll(int fd, const std::string& data) {
+  for (size_t done = 0; done < data.size();) {
+    const ssize_t put = write(fd, data.data() + done, data.size() - done);
+    if (put < 0 && errno == EINTR) continue;
+    if (put <= 0) Fail("cannot write the archive");
+    done += static_cast<size_t>(put);
+  }
+}
+
+// Where a central directory entry keeps its local header's offset: the
+// entry itself, or its Zip64 field when the entry says 0xFFFFFFFF.
+size_t OffsetField(const std::string& entry, size_t extra_at, size_t extra_length) {
+  if (Little(entry, 42, 4) != 0xFFFFFFFF) return 42;
+  for (size_t at = extra_at; at + 4 <= extra_at + extra_length;) {
+    const size_t length = Little(entry, at + 2, 2);
+    if (Little(entry, at, 2) == 0x0001) {
+      size_t field = at + 4;
+      if (Little(entry, 24, 4) == 0xFFFFFFFF) field += 8;
+      if (Little(entry, 20, 4) == 0xFFFFFFFF) field += 8;
+      if (field + 8 <= at + 4 + length) return field;
+    }
+    at += 4 + length;
+  }
+  Fail("unexpected central directory");
+}
+
+// The Info-ZIP Unicode Path field: the UTF-8 name, tied by a checksum to
+// the stored name it stands for.
+std::string UnicodePath(const std::string& stored, const std::string& utf8) {
+  const std::string field = "\x01" + PutLittle(4, Crc32(stored)) + utf8;
+  return PutLittle(2, 0x7075) + PutLittle(2, field.size()) + field;
+}
+
+// libarchive marks every entry as made on Unix, and unzip programs take the
+// names of Unix entries as they are: names in an OEM code page come out as
+// raw bytes. Marked as made on MS-DOS, their names are converted from the
+// OEM code page by the extractors of every system; the Info-ZIP Unicode Path
+// field (0x7075), in the local header and the central directory alike (unzip
+// compares the two), gives those that read it the exact UTF-8 name. This
+// copies the archive that libarchive wrote in `from` to `to` with both.
+void CopyWithOemNames(int from, int to, const std::vector<Item>& items) {
+  struct stat info;
+  if (fstat(from, &info) != 0 || info.st_size < 22) Fail("cannot read back the archive");
+  const uint64_t size = static_cast<uint64_t>(info.st_size);
+  std::string end = ReadAt(from, size - 22, 22);
+  if (Little(end, 0, 4) != 0x06054b50) Fail("unexpected end of the archive");
+  uint64_t count = Little(end, 10, 2), cd_size = Little(end, 12, 4), cd_offset = Little(end, 16, 4);
+  std::string locator, end64;
+  if (size >= 22 + 20 + 56 && Little(locator = ReadAt(from, size - 42, 20), 0, 4) == 0x07064b50) {
+    end64 = ReadAt(from, Little(locator, 8, 8), 56);
+    if (Little(end64, 0, 4) != 0x06064b50) Fail("unexpected end of the archive");
+    count = Little(end64, 32, 8);
+    cd_size = Little(end64, 40, 8);
+    cd_offset = Little(end64, 48, 8);
+  }
+  if (count != items.size()) Fail("unexpected entries in the archive");
+  const std::string old_cd = ReadAt(from, cd_offset, cd_size);
+
+  // Central entries in the order of their local headers, which is the
+  // order libarchive wrote them in.
+  struct Central {
+    std::string entry;
+    size_t offset_field;
+  };
+  std::vector<Central> centrals;
+  size_t at = 0;
+  for (const Item& item : items) {
+    if (Little(old_cd, at, 4) != 0x02014b50) Fail("unexpected central directory");
+    const size_t name_length = Little(old_cd, at + 28, 2),
+                 extra_length = Little(old_cd, at + 30, 2);
+    const size_t length = 46 + name_length + extra_length + Little(old_cd, at + 32, 2);
+    std::string entry = old_cd.substr(at, length);
+    at += length;
+    const size_t offset_field = OffsetField(entry, 46 + name_length, extra_length);
+    const std::string field = UnicodePath(entry.substr(46, name_length), item.name);
+    entry.insert(46 + name_length + extra_length, field);
+    if (extra_length + field.size() > 0xFFFF) Fail("name too long: " + item.name);
+    SetLittle(entry, 30, 2, extra_length + field.size());
+    entry[5] = 0;  // made on MS-DOS; the Unix mode stays in the high half
+    uint32_t dos_attributes = S_ISDIR(item.info.st_mode) ? 0x10 : 0;
+    if ((item.info.st_mode & S_IWUSR) == 0) dos_attributes |= 0x01;
+    SetLittle(entry, 38, 1, dos_attributes);
+    centrals.push_back({entry, offset_field});
+  }
+
+  uint64_t written = 0;
+  for (size_t i = 0; i < centrals.size(); ++i) {
+    Central& central = centrals[i];
+    const int width = central.offset_field == 42 ? 4 : 8;
+    const uint64_t old_offset = Little(central.entry, central.offset_field, width);
+    const uint64_t next = i + 1 < centrals.size()
+                              ? Little(centrals[i + 1].entry, centrals[i + 1].offset_field,
+                                       centrals[i + 1].offset_field == 42 ? 4 : 8)
+                              : cd_offset;
+    std::string local = ReadAt(from, old_offset, 30);
+    if (Little(local, 0, 4) != 0x04034b50 || next < old_offset) Fail("unexpected local header");
+    const size_t name_length = Little(local, 26, 2), extra_length = Little(local, 28, 2);
+    local += ReadAt(from, old_offset + 30, name_length + extra_length);
+    const std::string field = UnicodePath(local.substr(30, name_length), items[i].name);
+    local += field;
+    SetLittle(local, 28, 2, extra_length + field.size());
+    // unzip takes an entry with both this field and a data descriptor for
+    // overlapping the next; the sizes are known now, so they go into the
+    // local header and the descriptor is left out (not for Zip64 sizes).
+    uint64_t data_end = next;
+    if ((Little(local, 6, 2) & 0x08) != 0 && Little(central.entry, 20, 4) != 0xFFFFFFFF &&
+        Little(central.entry, 24, 4) != 0xFFFFFFFF) {
+      SetLittle(local, 6, 2, Little(local, 6, 2) & ~0x08);
+      SetLittle(central.entry, 8, 2, Little(central.entry, 8, 2) & ~0x08);
+      local.replace(14, 12, central.entry.substr(16, 12));  // CRC and both sizes
+      data_end = old_offset + 30 + name_length + extra_length + Little(central.entry, 20, 4);
+      if (data_end > next) Fail("unexpected local header");
+    }
+    if (width == 4 && written >= 0xFFFFFFFF) Fail("archive too large for OEM names");
+    SetLittle(central.entry, central.offset_field, width, written);
+    WriteAll(to, local);
+    written += local.size();
+    for (uint64_t from_at = old_offset + 30 + name_length + extra_length; from_at < data_end;) {
+      const std::string block =
+          ReadAt(from, from_at, std::min<uint64_t>(kBlock, data_end - from_at));
+      WriteAll(to, block);
+      from_at += block.size();
+      written += block.size();
+    }
+  }
+
+  std::string cd;
+  for (const Central& central : centrals) cd += central.entry;
+  const uint64_t new_cd_offset = written;
+  if (!end64.empty()) {
+    SetLittle(end64, 40, 8, cd.size());
+    SetLittle(end64, 48, 8, new_cd_offset);
+    SetLittle(locator, 8, 8, new_cd_offset + cd.size());
+    cd += end64 + locator;
+  }
+  for (const auto& [offset, value] :
+       {std::pair<size_t, uint64_t>{12, cd.size()}, {16, new_cd_offset}}) {
+    if (Little(end, offset, 4) == 0xFFFFFFFF) continue;
+    if (value >= 0xFFFFFFFF) Fail("archive too large for OEM names");
+    SetLittle(end, offset, 4, value);
+  }
+  WriteAll(to, cd + end);
+}
+
 int Run(int argc, char** argv) {
   const Options options = ParseCommandLine(argc, argv);
   // Names are UTF-8 on this appliance, and libarchive converts names from
@@ -398,9 +580,17 @@ int Run(int argc, char** argv) {
     }
   }
   Output output(options.archive);
-  Writer writer(output.fd(), charset);
-  for (const Item& item : items) writer.Add(item);
-  writer.Close();
+  if (charset == "UTF-8") {
+    Writer writer(output.fd(), charset);
+    for (const Item& item : items) writer.Add(item);
+    writer.Close();
+  } else {
+    const Output scratch(options.archive);  // never committed: removed
+    Writer writer(scratch.fd(), charset);
+    for (const Item& item : items) writer.Add(item);
+    writer.Close();
+    CopyWithOemNames(scratch.fd(), output.fd(), items);
+  }
   output.Commit();
   return 0;
 }
