@@ -471,15 +471,11 @@ bool IsDelimiter(std::string_view line, const std::vector<std::string>& boundari
   return false;
 }
 
-// Where the content of a leaf part lies: GMime keeps it as a window of the
-// source it parsed, whose bounds are the content's offsets. A part encoded
-// in a way that the core does not decode (uuencode) has none.
-std::optional<ContentRange> LeafRange(SourceBytes& bytes, GMimePart* part) {
-  GMimeDataWrapper* content = g_mime_part_get_content(part);
-  GMimeStream* stream = content ? g_mime_data_wrapper_get_stream(content) : nullptr;
-  if (stream == nullptr || !bytes.Owns(stream)) return std::nullopt;
-  ContentRange range;
-  switch (g_mime_data_wrapper_get_encoding(content)) {
+// Sets the encoding of `range`; false for one that the core does not
+// decode.
+bool SetEncoding(GMimeContentEncoding encoding, ContentRange* range_out) {
+  ContentRange& range = *range_out;
+  switch (encoding) {
     case GMIME_CONTENT_ENCODING_DEFAULT:
     case GMIME_CONTENT_ENCODING_7BIT:
       break;
@@ -502,8 +498,20 @@ std::optional<ContentRange> LeafRange(SourceBytes& bytes, GMimePart* part) {
       range.encoding_name = "x-uuencode";
       break;
     default:
-      return std::nullopt;
+      return false;
   }
+  return true;
+}
+
+// Where the content of a leaf part lies: GMime keeps it as a window of the
+// source it parsed, whose bounds are the content's offsets. A part encoded
+// in a way that the core does not decode has none.
+std::optional<ContentRange> LeafRange(SourceBytes& bytes, GMimePart* part) {
+  GMimeDataWrapper* content = g_mime_part_get_content(part);
+  GMimeStream* stream = content ? g_mime_data_wrapper_get_stream(content) : nullptr;
+  if (stream == nullptr || !bytes.Owns(stream)) return std::nullopt;
+  ContentRange range;
+  if (!SetEncoding(g_mime_data_wrapper_get_encoding(content), &range)) return std::nullopt;
   if (g_mime_stream_reset(stream) != 0) return std::nullopt;
   range.offset = g_mime_stream_tell(stream);
   range.length = g_mime_stream_length(stream);
@@ -564,6 +572,31 @@ bool PathTo(GMimeObject* from, GMimeObject* target, std::vector<GMimeMultipart*>
   return false;
 }
 
+// The boundaries of the multiparts that hold `object`.
+std::vector<std::string> EnclosingBoundaries(const ParsedSource& source, GMimeObject* object) {
+  std::vector<GMimeMultipart*> enclosing;
+  PathTo(g_mime_message_get_mime_part(source.message.get()), object, &enclosing);
+  std::vector<std::string> boundaries;
+  for (GMimeMultipart* multipart : enclosing) {
+    const char* boundary = g_mime_multipart_get_boundary(multipart);
+    if (boundary != nullptr && *boundary != '\0') boundaries.push_back(boundary);
+  }
+  return boundaries;
+}
+
+// `end` without the line break before it (a delimiter's), not before
+// `start`.
+int64_t BeforeLineBreak(SourceBytes& bytes, int64_t start, int64_t end) {
+  const int64_t from = std::max<int64_t>(end - 2, start);
+  std::string_view before = bytes.Window(from, 2).substr(0, static_cast<size_t>(end - from));
+  if (end > start && !before.empty() && before.back() == '\n') {
+    --end;
+    before.remove_suffix(1);
+    if (end > start && !before.empty() && before.back() == '\r') --end;
+  }
+  return end;
+}
+
 // Where an attached message lies: from its first header field up to the
 // delimiter line of an enclosing multipart that ended it for GMime (the
 // line break before the delimiter is the delimiter's), or to the end of the
@@ -592,13 +625,7 @@ std::optional<ContentRange> MessageRange(const ParsedSource& source, GMimeObject
   if (start < 0) return std::nullopt;  // no header: nothing marks where it starts
   int64_t last = start;
   ExtendToLastOffset(source.bytes, object, &last);
-  std::vector<GMimeMultipart*> enclosing;
-  PathTo(g_mime_message_get_mime_part(source.message.get()), object, &enclosing);
-  std::vector<std::string> boundaries;
-  for (GMimeMultipart* multipart : enclosing) {
-    const char* boundary = g_mime_multipart_get_boundary(multipart);
-    if (boundary != nullptr && *boundary != '\0') boundaries.push_back(boundary);
-  }
+  std::vector<std::string> boundaries = EnclosingBoundaries(source, object);
   int64_t end = source.bytes.size();
   LineReader lines(source.bytes, last);
   int64_t at = 0;
@@ -606,15 +633,7 @@ std::optional<ContentRange> MessageRange(const ParsedSource& source, GMimeObject
   bool first = true;  // the line that `last` is in is the message's own
   while (lines.Next(&at, &line)) {
     if (!first && IsDelimiter(line, boundaries)) {
-      end = at;
-      const int64_t from = std::max<int64_t>(end - 2, start);
-      std::string_view before =
-          source.bytes.Window(from, 2).substr(0, static_cast<size_t>(end - from));
-      if (end > start && !before.empty() && before.back() == '\n') {
-        --end;
-        before.remove_suffix(1);
-        if (end > start && !before.empty() && before.back() == '\r') --end;
-      }
+      end = BeforeLineBreak(source.bytes, start, at);
       break;
     }
     first = false;
@@ -642,31 +661,50 @@ int64_t FirstFieldOffset(const ParsedSource& source, GMimeObject* object) {
   return first;
 }
 
-// A header that no blank line ends runs into the body: GMime skips the
-// body's lines as broken header fields, up to the part's end. The body
-// starts instead at the first line that is neither a header field nor
-// the continuation of one.
-void TakeBodyWithoutBlankLine(const ParsedSource& source, GMimeObject* object,
-                              ContentRange* range) {
+// A header that no blank line ends runs into the body: GMime takes the
+// body's lines for broken header fields and drops them. The body starts
+// instead at the first line that is neither a header field nor the
+// continuation of one. (A header that a blank line ends keeps GMime's
+// reading: a broken line in it is skipped.) `range` is where GMime put the
+// content (nullopt: it kept none).
+std::optional<ContentRange> WithBodyAfterOpenHeader(const ParsedSource& source, GMimeObject* object,
+                                                    std::optional<ContentRange> range) {
   int64_t first = FirstFieldOffset(source, object);
-  if (first < 0 || first >= range->offset) return;
+  if (first < 0 || (range && first >= range->offset)) return range;
+  std::vector<std::string> boundaries = EnclosingBoundaries(source, object);
   LineReader lines(source.bytes, first);
-  int64_t at = 0, body = -1;
+  int64_t at = 0, body = -1, end = source.bytes.size();
   std::string_view line;
-  while (lines.Next(&at, &line) && at < range->offset) {
-    if (IsBlankLine(line)) return;  // the header did end
+  while (lines.Next(&at, &line) && !(range && at >= range->offset)) {
+    if (IsBlankLine(line)) return range;
+    if (IsDelimiter(line, boundaries)) {
+      end = at;
+      break;
+    }
     if (body < 0 && line[0] != ' ' && line[0] != '\t' && !StartsField(line)) body = at;
   }
-  if (body < 0) return;
-  range->length += range->offset - body;
-  range->offset = body;
+  if (body < 0) return range;
+  if (range) {
+    range->length += range->offset - body;
+    range->offset = body;
+    return range;
+  }
+  ContentRange made;
+  if (!SetEncoding(g_mime_part_get_content_encoding(GMIME_PART(object)), &made)) {
+    return std::nullopt;
+  }
+  made.offset = body;
+  made.length = (end < source.bytes.size() ? BeforeLineBreak(source.bytes, body, end) : end) - body;
+  return made;
 }
 
 std::optional<ContentRange> RangeOf(const ParsedSource& source, GMimeObject* object) {
   if (GMIME_IS_MESSAGE_PART(object)) return MessageRange(source, object);
   if (!GMIME_IS_PART(object)) return std::nullopt;
   std::optional<ContentRange> range = LeafRange(source.bytes, GMIME_PART(object));
-  if (range) TakeBodyWithoutBlankLine(source, object, &*range);
+  if (range || g_mime_part_get_content(GMIME_PART(object)) == nullptr) {
+    range = WithBodyAfterOpenHeader(source, object, range);
+  }
   return range;
 }
 
