@@ -5,6 +5,7 @@
 #include <stdio.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <ctime>
 #include <fstream>
 #include <map>
@@ -212,6 +213,102 @@ TEST_F(LarkpostctlMailTest, ImportStoresLargeSourcesInBatchesIntoTheMailboxAsked
   std::map<int, record::Mailbox> mailboxes = Mailboxes();
   EXPECT_EQ(mailboxes[control::DefaultMailbox::id<constant::kArchived>()].total_count, kCount);
   EXPECT_EQ(mailboxes[kInbox].total_count, 0);
+}
+
+// Mail as real senders write it, one class per file of real/: delivered,
+// then read back as the reader sees it (the bodies, and every attachment in
+// the list with its name, type and bytes).
+TEST_F(LarkpostctlMailTest, RealWorldMailReadsAsItsReaderExpects) {
+  struct Listed {
+    std::string name, mimetype, content;
+  };
+  const std::string table = std::string(120, '\0') + "tail of the file\n" + std::string(45, '\0');
+  const std::string pdf =
+      "%PDF-1.4\n%\xc7\xec\x8f\xa2\n1 0 obj\n<<>>\nendobj\ntrailer\n<<>>\n%%EOF\n";
+  std::string photo;
+  for (int k = 0; k < 512; ++k) photo += static_cast<char>(k % 256);
+  std::string long_name = "Quarterly report of the regional offices";
+  while (long_name.size() < 236) long_name += " Quarterly report of the regional offices";
+  long_name = long_name.substr(0, 236) + ".pdf";
+  const struct {
+    std::string file, subject, plain;
+    std::vector<Listed> attachments;
+  } rows[] = {
+      // A text type without a subtype is plain text, not an attachment.
+      {"text_without_subtype.eml",
+       "Re: build fails on ARM",
+       "Hallo,\n\nthe patch from Jörg fixes it for me. Grüße, Hans\n",
+       {}},
+      // Inline parts that no HTML body shows are in the list.
+      {"inline_not_shown.eml",
+       "Photos from the trip",
+       "Here is the view from the top.\n",
+       {{"IMG_0042.jpg", "image/jpeg", photo},
+        {"Directions.eml", "message/rfc822",
+         "From: Carol <carol@example.net>\nSubject: Directions\nDate: Tue, 04 Jun 2019 09:00:00 "
+         "+0200\n\nTake the second left.\n"}}},
+      // The header of the log runs into its body: the body starts at its
+      // first line that is not a header field.
+      {"part_without_blank_line.eml",
+       "Nightly build log",
+       "The nightly build failed; the log is attached.\n",
+       {{"build.log", "text/plain",
+         "Build started at 03:00 on host ci-4\ncc -c main.c\nmain.c:3: error: expected ';'"}}},
+      // Lines that lost their trailing blanks decode to the whole file.
+      {"uuencode_trimmed.eml",
+       "the table you asked for",
+       "Table attached, uuencoded.\n",
+       {{"table.dat", "application/octet-stream", table}}},
+      // The last line is the closing delimiter, without a line break.
+      {"closing_boundary_at_end.eml",
+       "Scanned list",
+       "The list you scanned.",
+       {{"list.csv", "text/csv", "name,count\r\napples,3"}}},
+      // The first Content-Type wins.
+      {"content_type_twice.eml",
+       "Order 1187",
+       "A new order came in: 2 x tea.\n",
+       {{"order-1187.pdf", "application/pdf", pdf}}},
+      // A blank line before the header.
+      {"header_after_blank_line.eml",
+       "Disk report",
+       "Disk usage is at 91 percent.\n",
+       {{"df.txt", "text/plain", "/dev/sda1 91%\n"}}},
+      // A NUL ends a name; a name longer than a file name takes is cut,
+      // its extension kept.
+      {"names.eml",
+       "Two files",
+       "Two files.\n",
+       {{"x.txt", "text/plain",
+         "<svg xmlns=\"http://www.w3.org/2000/svg\"><script>alert(1)</script></svg>\n"},
+        {long_name, "application/pdf", "%PDF-1.4\n%%EOF\n"}}},
+  };
+  control::MessageControl messages(controller_);
+  control::AttachmentControl attachments(controller_);
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.file);
+    const std::string raw = Fixture("real/" + row.file);
+    Result delivered = Deliver("ann", raw);
+    ASSERT_EQ(delivered.status, 0) << delivered.err;
+    const int id = std::stoi(delivered.out);
+    std::vector<record::FullMessage> stored = messages.GetFullMessages({id});
+    ASSERT_EQ(stored.size(), 1u);
+    EXPECT_EQ(stored[0].subject, row.subject);
+    EXPECT_EQ(stored[0].plain_body, row.plain);
+    EXPECT_EQ(messages.OriginalContent(id), raw);
+    // The list that the reader sees: what no HTML body shows inline.
+    std::vector<record::Attachment> listed;
+    for (const record::Attachment& attachment : stored[0].attachments) {
+      if (!attachment.is_inline) listed.push_back(attachment);
+    }
+    EXPECT_EQ(listed.size(), row.attachments.size());
+    for (size_t k = 0; k < std::min(listed.size(), row.attachments.size()); ++k) {
+      const Listed& want = row.attachments[k];
+      EXPECT_EQ(std::make_tuple(listed[k].name, listed[k].mimetype, listed[k].size),
+                std::make_tuple(want.name, want.mimetype, static_cast<int>(want.content.size())));
+      EXPECT_EQ(attachments.GetContentByRecord(listed[k]), want.content) << want.name;
+    }
+  }
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 // The core's own transfer decoding against GMime's: for any content, cut
 // into any pieces, the same bytes as GMime decoding the whole content at
-// once.
+// once; uuencode as uudecode reads it.
 #include <gmime/gmime.h>
 #include <gtest/gtest.h>
 
@@ -60,6 +60,29 @@ TEST(TransferDecoderTest, QuotedPrintableEscapesAndSoftBreaks) {
   }
 }
 
+// uudecode's reading: lines that lost their trailing blanks on the way
+// decode to the bytes their length counts; nothing before "begin" or after
+// the end.
+TEST(TransferDecoderTest, UuencodedLinesThatLostTheirTrailingBlanks) {
+  const struct {
+    std::string encoded, decoded;
+  } rows[] = {
+      {"begin 644 z\n&        \n \nend\n", std::string(6, '\0')},
+      {"begin 644 z\n&\n \nend\n", std::string(6, '\0')},
+      {"begin 644 z\r\n&````````\r\n`\r\nend\r\n", std::string(6, '\0')},
+      {"begin 644 z\n%2&D\n#86)C\n\nend\n", "Hi\0\0\0abc"s},
+      {"junk before\nbegin 600 a b\n#86)C\nend\n#86)C\n", "abc"},
+      {"begin 644 z\n#86)C", "abc"},  // no line break at the end
+      {"#86)C\n", ""},                // no "begin"
+  };
+  for (const auto& row : rows) {
+    for (size_t piece : {size_t{1}, size_t{3}, size_t{64 * 1024}}) {
+      EXPECT_EQ(Decode(TransferEncoding::kUuencode, row.encoded, piece), row.decoded)
+          << ::testing::PrintToString(row.encoded) << " in pieces of " << piece;
+    }
+  }
+}
+
 TEST(TransferDecoderTest, AnyContentDecodesAsGMimeDecodesIt) {
   // Alphabets that make the hard cases likely: padding anywhere, garbage
   // between quartets, escapes cut in two, soft breaks of either kind.
@@ -100,7 +123,9 @@ TEST(TransferDecoderTest, StoredEncodingNames) {
       {"binary", true, TransferEncoding::kIdentity},
       {"Base64", true, TransferEncoding::kBase64},
       {"quoted-printable", true, TransferEncoding::kQuotedPrintable},
-      {"x-uuencode", false, TransferEncoding::kIdentity},
+      {"x-uuencode", true, TransferEncoding::kUuencode},
+      {"x-uue", true, TransferEncoding::kUuencode},
+      {"x-binhex", false, TransferEncoding::kIdentity},
       {"", false, TransferEncoding::kIdentity},
       {"base64 ", false, TransferEncoding::kIdentity},
   };

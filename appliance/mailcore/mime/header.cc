@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "appliance/mailcore/mime/charset.h"
+#include "appliance/system/mime_types.h"
 
 namespace ornic::larkpost::mime {
 namespace {
@@ -661,6 +662,56 @@ std::vector<std::string> ParseMessageIds(const std::string& raw) {
   return ids;
 }
 
+namespace {
+
+// `raw` up to its first NUL, in it or in one of its encoded words. A NUL
+// ends a parameter value, as it ends it for programs written in C: what
+// follows cannot lend the value another meaning ("x.txt\0.svg").
+std::string UpToNul(const std::string& raw) {
+  std::string text = raw.substr(0, raw.find('\0'));
+  for (size_t at = text.find("=?"); at != std::string::npos; at = text.find("=?", at + 2)) {
+    EncodedWord word;
+    if (!ReadEncodedWord(text, at, &word)) continue;
+    size_t nul = word.bytes.find('\0');
+    if (nul == std::string::npos) {
+      at = word.end - 2;
+      continue;
+    }
+    // The word again, as much of it as comes before the NUL.
+    std::string cut = text.substr(0, at) + "=?" + word.charset + "?Q?";
+    for (size_t k = 0; k < nul; ++k) {
+      char escape[4];
+      snprintf(escape, sizeof escape, "=%02X", static_cast<unsigned char>(word.bytes[k]));
+      cut += escape;
+    }
+    return cut + "?=";
+  }
+  return text;
+}
+
+bool IsTokenText(const std::string& text) {
+  return !text.empty() && text.find_first_of(" \t()<>@,;:\\\"/[]?=") == std::string::npos &&
+         std::all_of(text.begin(), text.end(), [](char c) { return c > ' ' && c < 127; });
+}
+
+// Types whose content runs script where a browser shows it.
+bool IsActiveType(const std::string& mimetype) {
+  return mimetype == "text/html" || mimetype == "image/svg+xml" || mimetype == "application/xml" ||
+         mimetype == "text/javascript";
+}
+
+}  // namespace
+
+std::string MediaType(const std::string& raw) {
+  std::string value = ParseParameterizedValue(raw).value;
+  size_t slash = value.find('/');
+  if (slash != std::string::npos && IsTokenText(value.substr(0, slash)) &&
+      IsTokenText(value.substr(slash + 1))) {
+    return value;
+  }
+  return value.substr(0, value.find_first_of("/ \t")) == "text" ? "text/plain" : "";
+}
+
 ParameterizedValue ParseParameterizedValue(const std::string& raw) {
   std::string text = Unfold(raw);
   ParameterizedValue result;
@@ -719,7 +770,7 @@ ParameterizedValue ParseParameterizedValue(const std::string& raw) {
     pieces[base].emplace(section, std::make_pair(extended, value));
   }
 
-  for (auto& [name, value] : plain) result.params[name] = DecodeHeaderText(value);
+  for (auto& [name, value] : plain) result.params[name] = DecodeHeaderText(UpToNul(value));
   for (auto& [name, sections] : pieces) {
     std::string charset, bytes;
     bool any_extended = false;
@@ -752,13 +803,15 @@ ParameterizedValue ParseParameterizedValue(const std::string& raw) {
       bytes += part;
     }
     if (expected == 0) continue;
-    result.params[name] = any_extended ? ToUtf8(bytes, charset) : DecodeHeaderText(bytes);
+    std::string value = any_extended ? ToUtf8(bytes, charset) : DecodeHeaderText(UpToNul(bytes));
+    result.params[name] = value.substr(0, value.find('\0'));
   }
   return result;
 }
 
 std::string SafeFileName(const std::string& name, const std::string& mimetype) {
-  std::string text = IsValidUtf8(name) ? name : RepairUtf8(name);
+  std::string text = name.substr(0, name.find('\0'));
+  text = IsValidUtf8(text) ? text : RepairUtf8(text);
   std::string clean;
   for (size_t i = 0; i < text.size();) {
     size_t start = i;
@@ -771,14 +824,25 @@ std::string SafeFileName(const std::string& name, const std::string& mimetype) {
   }
   clean = TrimBlanks(clean);
   if (clean.empty() || clean == "." || clean == "..") return "attachment" + ExtensionFor(mimetype);
-  constexpr size_t kMaxBytes = 255;
+  // The name must not claim a type that runs script for content of
+  // another type (a type that says nothing is left to the name).
+  const std::string claimed = ::larkpost::appliance::MimeTypeForFileName(clean);
+  const size_t dot = clean.rfind('.');
+  const std::string extension = dot == std::string::npos ? "" : Lower(clean.substr(dot));
+  if (IsActiveType(claimed) && claimed != mimetype && mimetype != "application/octet-stream" &&
+      extension != ExtensionFor(mimetype)) {
+    clean += ExtensionFor(mimetype).empty() ? ".bin" : ExtensionFor(mimetype);
+  }
+  // A file name takes 255 bytes; what is left is room for the number that
+  // tells apart two attachments of one name when they are written as
+  // files side by side ("name_12.pdf").
+  constexpr size_t kMaxBytes = 240;
   if (clean.size() > kMaxBytes) {
-    size_t dot = clean.rfind('.');
-    std::string extension =
-        dot != std::string::npos && clean.size() - dot <= 16 ? clean.substr(dot) : "";
-    clean =
-        Utf8Prefix(clean.substr(0, clean.size() - extension.size()), kMaxBytes - extension.size()) +
-        extension;
+    size_t last_dot = clean.rfind('.');
+    std::string kept = last_dot != std::string::npos && clean.size() - last_dot <= 16
+                           ? clean.substr(last_dot)
+                           : "";
+    clean = Utf8Prefix(clean.substr(0, clean.size() - kept.size()), kMaxBytes - kept.size()) + kept;
   }
   return clean;
 }

@@ -78,15 +78,25 @@ struct ParameterizedValue {
 // Reads `raw` with its parameters decoded: RFC 2231 ("name*=utf-8''%E2%82",
 // "name*0*=", "name*1=") with its charset, quoted strings, and RFC 2047
 // words inside quotes (wrong, but common). An RFC 2231 value of a parameter
-// wins over a plain one of the same name.
+// wins over a plain one of the same name. A value ends at a NUL, written
+// or encoded.
 ParameterizedValue ParseParameterizedValue(const std::string& raw);
 
-// An attachment name that is safe to show and to store as a file name:
-// NUL, control and bidirectional-override characters removed, any
+// The media type of a Content-Type value, lower case ("text/plain"); a
+// text type without a valid subtype ("text", "text plain", "text/") is
+// text/plain. "" for any other value that is not "type/subtype".
+std::string MediaType(const std::string& raw);
+
+// An attachment name that is safe to show and to store as a file name: cut
+// at a NUL, control and bidirectional-override characters removed, any
 // directory part removed (what follows the last "/" or "\\"), blanks
-// trimmed, at most 255 bytes with its extension kept. A name that is left
-// empty, "." or ".." becomes "attachment" with an extension for
-// `mimetype` ("attachment.pdf"; just "attachment" for an unknown type).
+// trimmed, at most 240 bytes (on a character boundary) with its extension
+// kept. A name that is left empty, "." or ".." becomes "attachment" with
+// an extension for `mimetype` ("attachment.pdf"; just "attachment" for an
+// unknown type). A name whose extension stands for a type that runs
+// script (.html, .svg, .xml, .js) while `mimetype` is another (and not
+// application/octet-stream) gets `mimetype`'s extension too
+// ("x.svg.txt").
 std::string SafeFileName(const std::string& name, const std::string& mimetype);
 
 }  // namespace ornic::larkpost::mime

@@ -3,11 +3,13 @@
 #include <errno.h>
 #include <gmime/gmime.h>
 #include <strings.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
 #include <memory>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -27,6 +29,10 @@ constexpr char kTopPartPath[] = "0";
 constexpr size_t kPreviewCharacters = 200;
 // How much of the source is read at once where it is not all in memory.
 constexpr size_t kScanWindow = 64 * 1024;
+// How many times a source is parsed again with more of its later
+// Content-Type fields hidden (each parse may find parts the one before
+// did not).
+constexpr int kMaxReparses = 4;
 
 struct GObjectRelease {
   void operator()(gpointer object) const { g_object_unref(object); }
@@ -79,6 +85,11 @@ class SourceBytes {
   // Whether `stream` reads from these bytes (so that its position is an
   // offset of the source).
   virtual bool Owns(GMimeStream* stream) const = 0;
+  // Makes the header field that starts at `offset` unknown to the streams
+  // made from now on, its length and so every offset kept (its name's
+  // first letter becomes "X"). Windows still show the source as it is.
+  // False when nothing changed.
+  virtual bool Hide(int64_t offset) = 0;
 
  private:
   int64_t size_;
@@ -106,9 +117,21 @@ class MemoryBytes : public SourceBytes {
   bool Owns(GMimeStream* stream) const override {
     return GMIME_IS_STREAM_MEM(stream) && GMIME_STREAM_MEM(stream)->buffer == &array_;
   }
+  bool Hide(int64_t offset) override {
+    if (offset < 0 || offset >= size()) return false;
+    if (shown_.empty()) {
+      shown_.assign(bytes_);
+      array_.data = reinterpret_cast<guint8*>(shown_.data());
+    }
+    char& first = shown_[static_cast<size_t>(offset)];
+    if (first == 'X') return false;
+    first = 'X';
+    return true;
+  }
 
  private:
   std::string_view bytes_;
+  std::string shown_;  // what GMime reads once a field is hidden
   GByteArray array_{};
 };
 
@@ -137,38 +160,149 @@ class FileBytes : public SourceBytes {
   bool Owns(GMimeStream* stream) const override {
     return GMIME_IS_STREAM_FS(stream) && GMIME_STREAM_FS(stream)->fd == fd_;
   }
+  bool Hide(int64_t offset) override {
+    if (offset < 0 || offset >= size()) return false;
+    if (copy_ < 0 && !Copy()) return false;
+    char first = 0;
+    if (pread(fd_, &first, 1, static_cast<off_t>(offset)) != 1 || first == 'X') return false;
+    first = 'X';
+    return pwrite(fd_, &first, 1, static_cast<off_t>(offset)) == 1;
+  }
+  ~FileBytes() override {
+    if (copy_ >= 0) close(copy_);
+  }
 
  private:
+  // Reads from now on from a copy of the file in memory, which Hide()
+  // changes: the caller's file stays as it is. Rare (a source with two
+  // Content-Type fields in one header), so a large copy is acceptable.
+  bool Copy() {
+    int copy = memfd_create("larkpost-source", MFD_CLOEXEC);
+    if (copy < 0) return false;
+    for (int64_t at = 0; at < size();) {
+      std::string_view piece = Window(at, kScanWindow);
+      if (piece.empty() || pwrite(copy, piece.data(), piece.size(), static_cast<off_t>(at)) !=
+                               static_cast<ssize_t>(piece.size())) {
+        close(copy);
+        return false;
+      }
+      at += static_cast<int64_t>(piece.size());
+    }
+    copy_ = fd_ = copy;
+    return true;
+  }
+
   int fd_;
+  int copy_ = -1;
   std::string window_;
 };
 
-// A message parsed by GMime from its bytes (without a leading mbox "From "
-// line, which GMime would not read as a header).
-struct ParsedSource {
-  explicit ParsedSource(SourceBytes& source) : bytes(source) {
-    GMimeParserOptions* options = ParserOptions();
-    int64_t skip = 0;
-    if (bytes.Window(0, 5).substr(0, 5) == "From ") {
-      for (skip = 0; skip < bytes.size();) {
-        std::string_view window = bytes.Window(skip, kScanWindow);
-        size_t end = window.find('\n');
-        if (end != std::string_view::npos) {
-          skip += static_cast<int64_t>(end) + 1;
-          break;
-        }
-        skip += static_cast<int64_t>(window.size());
-        if (window.empty()) break;
-      }
+// Whether `line` starts a header field ("Name: value"; blanks before the
+// colon allowed).
+bool StartsField(std::string_view line) {
+  size_t i = 0;
+  while (i < line.size() && line[i] > ' ' && line[i] < 127 && line[i] != ':') ++i;
+  size_t name_end = i;
+  while (i < line.size() && (line[i] == ' ' || line[i] == '\t')) ++i;
+  return name_end > 0 && i < line.size() && line[i] == ':';
+}
+
+bool IsBlankLine(std::string_view line) { return line.empty() || line == "\r"; }
+
+// The offset after the line that starts at `offset`.
+int64_t LineAfter(SourceBytes& bytes, int64_t offset) {
+  while (offset < bytes.size()) {
+    std::string_view window = bytes.Window(offset, kScanWindow);
+    if (window.empty()) break;
+    size_t end = window.find('\n');
+    if (end != std::string_view::npos) return offset + static_cast<int64_t>(end) + 1;
+    offset += static_cast<int64_t>(window.size());
+  }
+  return bytes.size();
+}
+
+// Where the message's header starts: after a leading mbox "From " line,
+// and after blank lines that some programs write before the header (when
+// a header field follows them; otherwise the message is all body).
+int64_t HeaderStart(SourceBytes& bytes) {
+  int64_t start = bytes.Window(0, 5).substr(0, 5) == "From " ? LineAfter(bytes, 0) : 0;
+  for (int64_t at = start;;) {
+    std::string_view window = bytes.Window(at, kScanWindow);
+    size_t end = window.find('\n');
+    std::string_view line = window.substr(0, end);
+    if (!IsBlankLine(line) || end == std::string_view::npos) {
+      return at > start && StartsField(line) ? at : start;
     }
-    GObjectPtr<GMimeStream> stream(bytes.NewStream(skip));
+    at += static_cast<int64_t>(end) + 1;
+  }
+}
+
+// The offsets of the Content-Type fields of `object` and of the parts in
+// it that come after the first of their header when one of them says
+// something else than the first.
+void LaterContentTypes(GMimeObject* object, std::set<int64_t>* offsets) {
+  if (object == nullptr) return;
+  if (GMimeHeaderList* headers = g_mime_object_get_header_list(object)) {
+    const char* first = nullptr;
+    std::vector<int64_t> later;
+    bool differs = false;
+    for (int i = 0; i < g_mime_header_list_get_count(headers); ++i) {
+      GMimeHeader* header = g_mime_header_list_get_header_at(headers, i);
+      if (strcasecmp(g_mime_header_get_name(header), "Content-Type") != 0) continue;
+      const char* value = g_mime_header_get_raw_value(header);
+      if (value == nullptr) value = "";
+      if (first == nullptr) {
+        first = value;
+        continue;
+      }
+      later.push_back(g_mime_header_get_offset(header));
+      differs = differs || strcmp(first, value) != 0;
+    }
+    if (differs) offsets->insert(later.begin(), later.end());
+  }
+  if (GMIME_IS_MESSAGE(object)) {
+    LaterContentTypes(g_mime_message_get_mime_part(GMIME_MESSAGE(object)), offsets);
+  } else if (GMIME_IS_MESSAGE_PART(object)) {
+    GMimeMessage* inner = g_mime_message_part_get_message(GMIME_MESSAGE_PART(object));
+    LaterContentTypes(GMIME_OBJECT(inner), offsets);
+  } else if (GMIME_IS_MULTIPART(object)) {
+    GMimeMultipart* multipart = GMIME_MULTIPART(object);
+    for (int i = 0; i < g_mime_multipart_get_count(multipart); ++i) {
+      LaterContentTypes(g_mime_multipart_get_part(multipart, i), offsets);
+    }
+  }
+}
+
+// A message parsed by GMime from its bytes (from where its header starts:
+// GMime would read neither a leading mbox "From " line nor a blank line
+// as a header).
+struct ParsedSource {
+  explicit ParsedSource(SourceBytes& source) : bytes(source), start(HeaderStart(source)) {
+    Construct();
+    // Of two Content-Type fields in one header the first wins, as most
+    // mail programs have it; GMime takes the last. The later ones are
+    // hidden from it, and the source is parsed again.
+    for (int round = 0; message && round < kMaxReparses; ++round) {
+      std::set<int64_t> later;
+      LaterContentTypes(GMIME_OBJECT(message.get()), &later);
+      bool hidden = false;
+      for (int64_t offset : later) hidden = bytes.Hide(offset) || hidden;
+      if (!hidden) break;
+      message.reset();
+      Construct();
+    }
+  }
+
+  void Construct() {
+    GObjectPtr<GMimeStream> stream(bytes.NewStream(start));
     GObjectPtr<GMimeParser> parser(g_mime_parser_new_with_stream(stream.get()));
     g_mime_parser_set_format(parser.get(), GMIME_FORMAT_MESSAGE);
     g_mime_parser_set_persist_stream(parser.get(), TRUE);
-    message.reset(g_mime_parser_construct_message(parser.get(), options));
+    message.reset(g_mime_parser_construct_message(parser.get(), ParserOptions()));
   }
 
   SourceBytes& bytes;
+  int64_t start;  // of the header
   GObjectPtr<GMimeMessage> message;
 };
 
@@ -181,7 +315,18 @@ std::string MimeType(GMimeObject* object) {
   GMimeContentType* type = g_mime_object_get_content_type(object);
   if (type == nullptr) return "application/octet-stream";
   GString text(g_mime_content_type_get_mime_type(type));
-  return Lower(text ? text.get() : "application/octet-stream");
+  std::string mimetype = Lower(text ? text.get() : "application/octet-stream");
+  if (mimetype == "application/octet-stream") {
+    // GMime's answer for a type it cannot read: "text" without a subtype
+    // is still text.
+    GMimeHeaderList* headers = g_mime_object_get_header_list(object);
+    GMimeHeader* header =
+        headers ? g_mime_header_list_get_header(headers, "Content-Type") : nullptr;
+    const char* raw = header ? g_mime_header_get_raw_value(header) : nullptr;
+    std::string declared = raw ? MediaType(raw) : "";
+    if (!declared.empty()) mimetype = declared;
+  }
+  return mimetype;
 }
 
 // The value of the header field `name` that starts at `offset` of the
@@ -326,15 +471,11 @@ bool IsDelimiter(std::string_view line, const std::vector<std::string>& boundari
   return false;
 }
 
-// Where the content of a leaf part lies: GMime keeps it as a window of the
-// source it parsed, whose bounds are the content's offsets. A part encoded
-// in a way that the core does not decode (uuencode) has none.
-std::optional<ContentRange> LeafRange(SourceBytes& bytes, GMimePart* part) {
-  GMimeDataWrapper* content = g_mime_part_get_content(part);
-  GMimeStream* stream = content ? g_mime_data_wrapper_get_stream(content) : nullptr;
-  if (stream == nullptr || !bytes.Owns(stream)) return std::nullopt;
-  ContentRange range;
-  switch (g_mime_data_wrapper_get_encoding(content)) {
+// Sets the encoding of `range`; false for one that the core does not
+// decode.
+bool SetEncoding(GMimeContentEncoding encoding, ContentRange* range_out) {
+  ContentRange& range = *range_out;
+  switch (encoding) {
     case GMIME_CONTENT_ENCODING_DEFAULT:
     case GMIME_CONTENT_ENCODING_7BIT:
       break;
@@ -352,14 +493,40 @@ std::optional<ContentRange> LeafRange(SourceBytes& bytes, GMimePart* part) {
       range.encoding = TransferEncoding::kQuotedPrintable;
       range.encoding_name = "quoted-printable";
       break;
+    case GMIME_CONTENT_ENCODING_UUENCODE:
+      range.encoding = TransferEncoding::kUuencode;
+      range.encoding_name = "x-uuencode";
+      break;
     default:
-      return std::nullopt;
+      return false;
   }
+  return true;
+}
+
+// Where the content of a leaf part lies: GMime keeps it as a window of the
+// source it parsed, whose bounds are the content's offsets. A part encoded
+// in a way that the core does not decode has none.
+std::optional<ContentRange> LeafRange(SourceBytes& bytes, GMimePart* part) {
+  GMimeDataWrapper* content = g_mime_part_get_content(part);
+  GMimeStream* stream = content ? g_mime_data_wrapper_get_stream(content) : nullptr;
+  if (stream == nullptr || !bytes.Owns(stream)) return std::nullopt;
+  ContentRange range;
+  if (!SetEncoding(g_mime_data_wrapper_get_encoding(content), &range)) return std::nullopt;
   if (g_mime_stream_reset(stream) != 0) return std::nullopt;
   range.offset = g_mime_stream_tell(stream);
   range.length = g_mime_stream_length(stream);
   if (range.offset < 0 || range.length < 0 || range.offset + range.length > bytes.size()) {
     return std::nullopt;
+  }
+  // The line break before a delimiter is the delimiter's. GMime leaves its
+  // CR in the content when the closing delimiter is the source's last line
+  // and has no line break of its own.
+  const int64_t end = range.offset + range.length;
+  if (range.length > 0) {
+    std::string_view around = bytes.Window(end - 1, 4).substr(0, 4);
+    if (around.size() == 4 && around.substr(0, 2) == "\r\n" && around.substr(2) == "--") {
+      --range.length;
+    }
   }
   return range;
 }
@@ -405,6 +572,31 @@ bool PathTo(GMimeObject* from, GMimeObject* target, std::vector<GMimeMultipart*>
   return false;
 }
 
+// The boundaries of the multiparts that hold `object`.
+std::vector<std::string> EnclosingBoundaries(const ParsedSource& source, GMimeObject* object) {
+  std::vector<GMimeMultipart*> enclosing;
+  PathTo(g_mime_message_get_mime_part(source.message.get()), object, &enclosing);
+  std::vector<std::string> boundaries;
+  for (GMimeMultipart* multipart : enclosing) {
+    const char* boundary = g_mime_multipart_get_boundary(multipart);
+    if (boundary != nullptr && *boundary != '\0') boundaries.push_back(boundary);
+  }
+  return boundaries;
+}
+
+// `end` without the line break before it (a delimiter's), not before
+// `start`.
+int64_t BeforeLineBreak(SourceBytes& bytes, int64_t start, int64_t end) {
+  const int64_t from = std::max<int64_t>(end - 2, start);
+  std::string_view before = bytes.Window(from, 2).substr(0, static_cast<size_t>(end - from));
+  if (end > start && !before.empty() && before.back() == '\n') {
+    --end;
+    before.remove_suffix(1);
+    if (end > start && !before.empty() && before.back() == '\r') --end;
+  }
+  return end;
+}
+
 // Where an attached message lies: from its first header field up to the
 // delimiter line of an enclosing multipart that ended it for GMime (the
 // line break before the delimiter is the delimiter's), or to the end of the
@@ -433,13 +625,7 @@ std::optional<ContentRange> MessageRange(const ParsedSource& source, GMimeObject
   if (start < 0) return std::nullopt;  // no header: nothing marks where it starts
   int64_t last = start;
   ExtendToLastOffset(source.bytes, object, &last);
-  std::vector<GMimeMultipart*> enclosing;
-  PathTo(g_mime_message_get_mime_part(source.message.get()), object, &enclosing);
-  std::vector<std::string> boundaries;
-  for (GMimeMultipart* multipart : enclosing) {
-    const char* boundary = g_mime_multipart_get_boundary(multipart);
-    if (boundary != nullptr && *boundary != '\0') boundaries.push_back(boundary);
-  }
+  std::vector<std::string> boundaries = EnclosingBoundaries(source, object);
   int64_t end = source.bytes.size();
   LineReader lines(source.bytes, last);
   int64_t at = 0;
@@ -447,15 +633,7 @@ std::optional<ContentRange> MessageRange(const ParsedSource& source, GMimeObject
   bool first = true;  // the line that `last` is in is the message's own
   while (lines.Next(&at, &line)) {
     if (!first && IsDelimiter(line, boundaries)) {
-      end = at;
-      const int64_t from = std::max<int64_t>(end - 2, start);
-      std::string_view before =
-          source.bytes.Window(from, 2).substr(0, static_cast<size_t>(end - from));
-      if (end > start && !before.empty() && before.back() == '\n') {
-        --end;
-        before.remove_suffix(1);
-        if (end > start && !before.empty() && before.back() == '\r') --end;
-      }
+      end = BeforeLineBreak(source.bytes, start, at);
       break;
     }
     first = false;
@@ -465,10 +643,69 @@ std::optional<ContentRange> MessageRange(const ParsedSource& source, GMimeObject
   return range;
 }
 
+// The smallest offset of a header field of `object`, and of the message
+// when it is the message's own part; -1 when none has one.
+int64_t FirstFieldOffset(const ParsedSource& source, GMimeObject* object) {
+  int64_t first = -1;
+  std::vector<GMimeObject*> holders = {object};
+  if (object == g_mime_message_get_mime_part(source.message.get())) {
+    holders.push_back(GMIME_OBJECT(source.message.get()));
+  }
+  for (GMimeObject* holder : holders) {
+    GMimeHeaderList* headers = g_mime_object_get_header_list(holder);
+    for (int i = 0; headers != nullptr && i < g_mime_header_list_get_count(headers); ++i) {
+      gint64 offset = g_mime_header_get_offset(g_mime_header_list_get_header_at(headers, i));
+      if (offset >= 0 && (first < 0 || offset < first)) first = offset;
+    }
+  }
+  return first;
+}
+
+// A header that no blank line ends runs into the body: GMime takes the
+// body's lines for broken header fields and drops them. The body starts
+// instead at the first line that is neither a header field nor the
+// continuation of one. (A header that a blank line ends keeps GMime's
+// reading: a broken line in it is skipped.) `range` is where GMime put the
+// content (nullopt: it kept none).
+std::optional<ContentRange> WithBodyAfterOpenHeader(const ParsedSource& source, GMimeObject* object,
+                                                    std::optional<ContentRange> range) {
+  int64_t first = FirstFieldOffset(source, object);
+  if (first < 0 || (range && first >= range->offset)) return range;
+  std::vector<std::string> boundaries = EnclosingBoundaries(source, object);
+  LineReader lines(source.bytes, first);
+  int64_t at = 0, body = -1, end = source.bytes.size();
+  std::string_view line;
+  while (lines.Next(&at, &line) && !(range && at >= range->offset)) {
+    if (IsBlankLine(line)) return range;
+    if (IsDelimiter(line, boundaries)) {
+      end = at;
+      break;
+    }
+    if (body < 0 && line[0] != ' ' && line[0] != '\t' && !StartsField(line)) body = at;
+  }
+  if (body < 0) return range;
+  if (range) {
+    range->length += range->offset - body;
+    range->offset = body;
+    return range;
+  }
+  ContentRange made;
+  if (!SetEncoding(g_mime_part_get_content_encoding(GMIME_PART(object)), &made)) {
+    return std::nullopt;
+  }
+  made.offset = body;
+  made.length = (end < source.bytes.size() ? BeforeLineBreak(source.bytes, body, end) : end) - body;
+  return made;
+}
+
 std::optional<ContentRange> RangeOf(const ParsedSource& source, GMimeObject* object) {
   if (GMIME_IS_MESSAGE_PART(object)) return MessageRange(source, object);
-  if (GMIME_IS_PART(object)) return LeafRange(source.bytes, GMIME_PART(object));
-  return std::nullopt;
+  if (!GMIME_IS_PART(object)) return std::nullopt;
+  std::optional<ContentRange> range = LeafRange(source.bytes, GMIME_PART(object));
+  if (range || g_mime_part_get_content(GMIME_PART(object)) == nullptr) {
+    range = WithBodyAfterOpenHeader(source, object, range);
+  }
+  return range;
 }
 
 // Decodes the range a bounded piece at a time, handing each piece's output
@@ -499,6 +736,21 @@ int64_t DecodedRangeSize(SourceBytes& bytes, const ContentRange& range) {
   return size;
 }
 
+// The content of a leaf part or an attached message, decoded: from where
+// it lies in the source when that is known, else as GMime decodes it.
+std::string PartContent(const ParsedSource& source, GMimeObject* object) {
+  if (std::optional<ContentRange> range = RangeOf(source, object)) {
+    std::string content;
+    content.reserve(static_cast<size_t>(
+        range->encoding == TransferEncoding::kBase64 ? range->length / 4 * 3 + 3 : range->length));
+    DecodeRange(source.bytes, *range, [&](const std::string& piece) { content += piece; });
+    return content;
+  }
+  if (GMIME_IS_MESSAGE_PART(object)) return AttachedMessage(GMIME_MESSAGE_PART(object));
+  if (GMIME_IS_PART(object)) return DecodedContent(GMIME_PART(object));
+  return "";
+}
+
 // The charset an HTML document names for itself in a <meta> element, for a
 // part whose header names none.
 std::string HtmlMetaCharset(const std::string& html) {
@@ -524,10 +776,15 @@ std::string HtmlMetaCharset(const std::string& html) {
 }
 
 // Text content as UTF-8, without a byte order mark.
-std::string TextContent(GMimePart* part, bool html) {
-  std::string bytes = DecodedContent(part);
-  const char* declared = g_mime_object_get_content_type_parameter(GMIME_OBJECT(part), "charset");
+std::string TextContent(const ParsedSource& source, GMimeObject* part, bool html) {
+  std::string bytes = PartContent(source, part);
+  const char* declared = g_mime_object_get_content_type_parameter(part, "charset");
   std::string charset = declared ? declared : "";
+  if (charset.empty()) {
+    // A Content-Type that GMime could not read ("text; charset=...").
+    charset =
+        ParseParameterizedValue(RawPartHeader(source, part, "Content-Type")).params["charset"];
+  }
   if (charset.empty() && html) charset = HtmlMetaCharset(bytes);
   std::string text = ToUtf8(bytes, charset);
   if (text.compare(0, 3, "\xEF\xBB\xBF") == 0) text.erase(0, 3);
@@ -545,6 +802,39 @@ std::string CleanText(const std::string& text, bool unix_line_ends) {
     out += text[i];
   }
   return out;
+}
+
+std::string PercentDecoded(std::string_view text) {
+  std::string out;
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == '%' && i + 2 < text.size() &&
+        isxdigit(static_cast<unsigned char>(text[i + 1])) &&
+        isxdigit(static_cast<unsigned char>(text[i + 2]))) {
+      out += static_cast<char>(std::stoi(std::string(text.substr(i + 1, 2)), nullptr, 16));
+      i += 2;
+    } else {
+      out += text[i];
+    }
+  }
+  return out;
+}
+
+// The Content-IDs that "cid:" URLs of `html` name, as written and
+// percent-decoded, without angle brackets.
+std::set<std::string> CidReferences(const std::string& html) {
+  std::set<std::string> ids;
+  std::string lower = Lower(html);
+  for (size_t at = lower.find("cid:"); at != std::string::npos; at = lower.find("cid:", at + 4)) {
+    size_t end = html.find_first_of("\"'>) \t\r\n", at + 4);
+    std::string_view id = std::string_view(html).substr(at + 4, end - (at + 4));
+    for (std::string form : {std::string(id), PercentDecoded(id)}) {
+      if (form.size() > 2 && form.front() == '<' && form.back() == '>') {
+        form = form.substr(1, form.size() - 2);
+      }
+      ids.insert(form);
+    }
+  }
+  return ids;
 }
 
 // True when `object` is a part of multipart/related other than its root
@@ -603,6 +893,13 @@ class PartWalker {
         Leaf(object, g_mime_part_iter_get_parent(iter.get()), path, object == top);
       }
     } while (g_mime_part_iter_next(iter.get()));
+    // An inline part that the HTML body does not show (a photo in plain
+    // text mail, an attached message marked inline) is an attachment for
+    // the reader.
+    std::set<std::string> shown = CidReferences(message_.html_body);
+    for (store::NewAttachment& attachment : message_.attachments) {
+      attachment.is_inline = attachment.is_inline && shown.count(attachment.content_id) > 0;
+    }
   }
 
  private:
@@ -616,10 +913,10 @@ class PartWalker {
       // The message's only part is its body even when a name came with it.
       if (disposition.value != "attachment" && (!named || top)) {
         if (plain) {
-          message_.plain_body = CleanText(TextContent(GMIME_PART(object), false), true);
+          message_.plain_body = CleanText(TextContent(source_, object, false), true);
           have_plain_ = true;
         } else {
-          message_.html_body = CleanText(TextContent(GMIME_PART(object), true), false);
+          message_.html_body = CleanText(TextContent(source_, object, true), false);
           have_html_ = true;
         }
         return;
@@ -799,10 +1096,10 @@ store::NewMessage Parse(SourceBytes& bytes, int64_t time_without_date) {
   // The header block, through windows that grow until it ends inside one.
   HeaderBlock headers;
   for (size_t length = kScanWindow;; length *= 4) {
-    std::string_view window = bytes.Window(0, length);
+    std::string_view window = bytes.Window(source.start, length);
     headers = ScanHeaders(window);
     if (headers.body_offset < window.size() ||
-        static_cast<int64_t>(window.size()) >= bytes.size()) {
+        source.start + static_cast<int64_t>(window.size()) >= bytes.size()) {
       break;
     }
   }
@@ -810,8 +1107,8 @@ store::NewMessage Parse(SourceBytes& bytes, int64_t time_without_date) {
   if (source.message) {
     PartWalker(source, message).Walk();
   } else {
-    std::string_view body =
-        bytes.Window(static_cast<int64_t>(headers.body_offset), static_cast<size_t>(bytes.size()));
+    std::string_view body = bytes.Window(source.start + static_cast<int64_t>(headers.body_offset),
+                                         static_cast<size_t>(bytes.size()));
     message.plain_body = CleanText(ToUtf8(std::string(body), ""), true);
   }
   if (message.plain_body.empty() && !message.html_body.empty()) {
@@ -846,17 +1143,8 @@ std::optional<std::string> ExtractPart(std::string_view raw, const std::string& 
   ParsedSource source(bytes);
   if (!source.message || part_path.empty()) return std::nullopt;
   auto extract = [&](GMimeObject* object) -> std::optional<std::string> {
-    if (std::optional<ContentRange> range = RangeOf(source, object)) {
-      std::string content;
-      content.reserve(static_cast<size_t>(range->encoding == TransferEncoding::kBase64
-                                              ? range->length / 4 * 3 + 3
-                                              : range->length));
-      DecodeRange(bytes, *range, [&](const std::string& piece) { content += piece; });
-      return content;
-    }
-    if (GMIME_IS_MESSAGE_PART(object)) return AttachedMessage(GMIME_MESSAGE_PART(object));
-    if (GMIME_IS_PART(object)) return DecodedContent(GMIME_PART(object));
-    return std::nullopt;
+    if (!GMIME_IS_MESSAGE_PART(object) && !GMIME_IS_PART(object)) return std::nullopt;
+    return PartContent(source, object);
   };
   GMimeObject* top = g_mime_message_get_mime_part(source.message.get());
   if (GMIME_IS_MESSAGE_PART(top)) {

@@ -45,6 +45,8 @@ bool TransferEncodingNamed(std::string_view name, TransferEncoding* encoding) {
     *encoding = TransferEncoding::kBase64;
   } else if (is("quoted-printable")) {
     *encoding = TransferEncoding::kQuotedPrintable;
+  } else if (is("x-uuencode") || is("uuencode") || is("x-uue")) {
+    *encoding = TransferEncoding::kUuencode;
   } else {
     return false;
   }
@@ -62,6 +64,9 @@ void TransferDecoder::Step(const char* data, size_t size, std::string* out) {
       break;
     case TransferEncoding::kQuotedPrintable:
       QuotedStep(bytes, size, out);
+      break;
+    case TransferEncoding::kUuencode:
+      UuStep(bytes, size, out);
       break;
   }
 }
@@ -133,9 +138,56 @@ void TransferDecoder::QuotedStep(const unsigned char* data, size_t size, std::st
   }
 }
 
-void TransferDecoder::Finish(std::string* /*out*/) {
-  // Nothing is held back: an unfinished base64 quartet without padding, or
-  // an "=" escape cut short at the end, yields nothing.
+void TransferDecoder::UuStep(const unsigned char* data, size_t size, std::string* out) {
+  // Longer than any uuencoded line (a length character and 84 more).
+  constexpr size_t kLineCap = 128;
+  for (size_t i = 0; i < size && !uu_ended_; ++i) {
+    if (data[i] == '\n') {
+      UuLine(out);
+      line_.clear();
+    } else if (line_.size() < kLineCap) {
+      line_ += static_cast<char>(data[i]);
+    }
+  }
+}
+
+void TransferDecoder::UuLine(std::string* out) {
+  if (!line_.empty() && line_.back() == '\r') line_.pop_back();
+  if (!uu_begun_) {
+    uu_begun_ = line_.compare(0, 6, "begin ") == 0;
+    return;
+  }
+  if (line_.empty()) return;
+  if (line_.compare(0, 3, "end") == 0) {
+    uu_ended_ = true;
+    return;
+  }
+  auto value = [](char c) { return static_cast<unsigned char>((c - 0x20) & 0x3F); };
+  size_t count = value(line_[0]);
+  if (count == 0) {
+    uu_ended_ = true;
+    return;
+  }
+  // Characters missing at the end of the line were blanks that a mail
+  // program trimmed: a blank is 0, as is "`".
+  line_.resize(std::max(line_.size(), 1 + (count + 2) / 3 * 4), ' ');
+  for (size_t at = 1; count > 0; at += 4) {
+    uint32_t bits = static_cast<uint32_t>(value(line_[at])) << 18 |
+                    static_cast<uint32_t>(value(line_[at + 1])) << 12 |
+                    static_cast<uint32_t>(value(line_[at + 2])) << 6 | value(line_[at + 3]);
+    for (int shift = 16; shift >= 0 && count > 0; shift -= 8, --count) {
+      out->push_back(static_cast<char>(bits >> shift));
+    }
+  }
+}
+
+void TransferDecoder::Finish(std::string* out) {
+  // Nothing else is held back: an unfinished base64 quartet without
+  // padding, or an "=" escape cut short at the end, yields nothing.
+  if (encoding_ == TransferEncoding::kUuencode && !uu_ended_ && !line_.empty()) {
+    UuLine(out);
+    line_.clear();
+  }
 }
 
 uint64_t DecodedLength(TransferEncoding encoding, std::string_view data) {
