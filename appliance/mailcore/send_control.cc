@@ -8,6 +8,11 @@
 // appliance's own server, so TLS would protect nothing. An account's
 // connection type 1 is TLS from the start, 2 STARTTLS or nothing, anything
 // else STARTTLS when the server offers it.
+//
+// Through the relay the appliance vouches for the sender, so a message goes
+// out only from the user's own addresses (OwnAddresses); anything else is
+// kErrorSenderNotOwn, before any server is asked. An account's server
+// judges its own senders.
 #include <unistd.h>
 
 #include <exception>
@@ -25,6 +30,7 @@
 #include "appliance/system/clock.h"
 #include "platform/mailcore/control.h"
 #include "platform/mailcore/error.h"
+#include "platform/mailcore/zevo_user.h"
 
 namespace ornic::larkpost::control {
 namespace {
@@ -88,6 +94,14 @@ std::optional<Account> ChooseAccount(store::Database& db, const std::string& fro
   });
 }
 
+// The addresses the appliance's own server sends from for this user: the
+// account's NAME@DOMAIN. Sending identities that the appliance itself
+// serves add theirs here; an SMTP account's address is not one (any text
+// can be typed into an account).
+std::vector<std::string> OwnAddresses(const sdk::ZevoUser& user) {
+  return {user.name() + "@" + user.domain()};
+}
+
 const appliance::Config& Configuration() {
   try {
     return appliance::GetConfig();
@@ -130,6 +144,8 @@ int MessageControl::Send(int id) {
     job.server.host = config.relay_host;
     job.server.port = config.relay_port;
     job.server.security = send::Security::kNone;
+    job.sender_must_be_own = true;
+    job.own_addresses = OwnAddresses(controller_.zevo_user());
   } else {
     throw Error(kErrorNoSmtpAccount);
   }
