@@ -16,14 +16,17 @@
 #include <unistd.h>
 
 #include <exception>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "appliance/mailcore/controller_impl.h"
+#include "appliance/mailcore/draft_html.h"
 #include "appliance/mailcore/draft_store.h"
 #include "appliance/mailcore/lazy_library.h"
+#include "appliance/mailcore/mime/html_text.h"
 #include "appliance/mailcore/send/send_library.h"
 #include "appliance/mailcore/store_text.h"
 #include "appliance/system/appliance.h"
@@ -127,6 +130,17 @@ std::string HostName() {
 int MessageControl::Send(int id) {
   store::Draft draft;
   if (!store::LoadDraft(controller_, id, &draft)) throw Error(kErrorNotFound);
+  // Drafts are stored without session parameters; one kept from before
+  // loses them here, so that no session ever leaves in mail.
+  std::map<int, std::string> images;
+  for (const store::DraftAttachment& attachment : draft.attachments) {
+    if (!attachment.content_id.empty()) images.emplace(attachment.id, attachment.content_id);
+  }
+  std::string html = store::RestoreInlineImages(draft.html_body, images);
+  if (html != draft.html_body) {
+    draft.html_body = std::move(html);
+    draft.plain_body = mime::HtmlToText(draft.html_body);
+  }
   if (!AnyAddress(draft.to) && !AnyAddress(draft.cc) && !AnyAddress(draft.bcc)) {
     throw Error(kErrorNoRecipient);
   }

@@ -315,6 +315,37 @@ TEST_F(SendTest, ThroughTheRelayOnlyTheUsersOwnAddressIsTheSender) {
   EXPECT_GT(messages_.Send(Draft({"bob@example.org"}, "<p>Hi</p>", {}, "ceo@bank.example")), 0);
 }
 
+// A draft kept with the download URLs it was shown with (as drafts were
+// before they were stored without them) goes out with "cid:" and no session.
+TEST_F(SendTest, NoSessionLeavesInMail) {
+  SmtpSink sink;
+  AddAccount("ann@example.org", sink.port());
+  std::string cid;
+  const int draft = Draft({"bob@example.org"}, "<p>x</p>", {Upload("dot.png", kPng, true, &cid)});
+  const std::string image = std::to_string(messages_.GetMessage(draft).attachments.at(0).id);
+  const std::string url =
+      "/webapi/entry.cgi?api=ZEVO.Larkpost.Attachment&amp;version=1&amp;"
+      "method=download&amp;_sid=S1d&amp;id=";
+  // The store takes a message's text only while it is out of the index.
+  db().Exec("UPDATE message SET indexed = 0 WHERE id = " + std::to_string(draft));
+  store::Statement old(db(), "UPDATE message_body SET html = ?2 WHERE message_id = ?1");
+  old.Bind(1, draft).Bind(2, "<p><img src=\"" + url + image + "&amp;_token=T0k\"><a href=\"" + url +
+                                 "99&amp;_token=T0k\">all</a></p>");
+  old.Run();
+  db().Exec("UPDATE message SET indexed = 1 WHERE id = " + std::to_string(draft));
+
+  messages_.Send(draft);
+
+  const std::string data = sink.messages().at(0);
+  EXPECT_EQ(data.find("T0k"), std::string::npos) << data;
+  EXPECT_EQ(data.find("S1d"), std::string::npos) << data;
+  const Received received = Parse(data);
+  EXPECT_EQ(received.tree,
+            "multipart/alternative(text/plain,multipart/related(text/html,image/png))");
+  EXPECT_NE(received.leaves.at(1).content.find("<img src=\"cid:" + cid + "\">"), std::string::npos)
+      << received.leaves.at(1).content;
+}
+
 TEST(SenderTest, OwnAddressesAreComparedByTheirDomainsCaseOnly) {
   const std::vector<std::string> own = {"alice@example.org", "a.smith@Team.Example"};
   for (const char* yes : {"alice@example.org", "alice@EXAMPLE.ORG", "a.smith@team.example"}) {
