@@ -24,8 +24,8 @@ inline constexpr int kErrorBadParameter = 120;
 ZEVO::APIParameter<Json::Value> GetIdArray(const ZEVO::APIRequest& request,
                                            const std::string& name);
 
-// The ids of an array parameter, in request order (elements that are not
-// 32-bit integers are left out).
+// The ids of an array parameter, in request order; an element that is not a
+// 32-bit integer throws ornic::Error(120) (util::JsonArrayToVector).
 std::vector<int> Ids(const ZEVO::APIParameter<Json::Value>& param);
 
 // True when `param` is null or unusable.

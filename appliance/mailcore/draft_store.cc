@@ -16,6 +16,11 @@
 // listed to the user, so they stay as long as the HTML body shows them
 // ("cid:" + content id); an image of the referred message that a new body
 // shows is copied in too, so that a quoted picture survives the reply.
+// The HTML a composer hands back may show inline images by the download
+// URLs that "get" wrote, with the session in them: they become "cid:"
+// references again (RestoreInlineImages) for the draft's own images and the
+// inline images of the message it refers to, before anything looks for
+// "cid:", and no session parameter is stored.
 // "temp_attachment" takes uploads over: their files are copied into the
 // store and removed, with their records, once the change is committed.
 #include "appliance/mailcore/draft_store.h"
@@ -24,12 +29,14 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "appliance/mailcore/attachment_content.h"
 #include "appliance/mailcore/controller_impl.h"
+#include "appliance/mailcore/draft_html.h"
 #include "appliance/mailcore/mime/html_text.h"
 #include "appliance/mailcore/store_records.h"
 #include "appliance/mailcore/store_text.h"
@@ -162,6 +169,20 @@ const AttachmentRef* FindAttachment(const std::vector<AttachmentRef>& rows, int 
     if (row.id == id) return &row;
   }
   return nullptr;
+}
+
+// The content ids by attachment id of the images that a draft's HTML may
+// show by download URL: every attachment of the draft with a content id,
+// and the inline images of the message it refers to.
+std::map<int, std::string> ShowableImages(Database& db, int draft_id, int reply_to) {
+  std::map<int, std::string> images;
+  for (const AttachmentRef& row : AttachmentsOf(db, draft_id)) {
+    if (!row.content_id.empty()) images.emplace(row.id, row.content_id);
+  }
+  for (const AttachmentRef& row : AttachmentsOf(db, reply_to)) {
+    if (row.is_inline && !row.content_id.empty()) images.emplace(row.id, row.content_id);
+  }
+  return images;
 }
 
 bool ShowsImage(const std::string& html, const std::string& content_id) {
@@ -496,7 +517,6 @@ int MessageControl::CreateDraft(const MessageConfig& config) {
     if (config.cc.IsSet()) draft.cc = config.cc.Get();
     if (config.bcc.IsSet()) draft.bcc = config.bcc.Get();
     if (config.subject.IsSet()) draft.subject = config.subject.Get();
-    if (config.body.IsSet()) draft.html = config.body.Get();
     if (config.draft_type.IsSet()) draft.draft_type = config.draft_type.Get();
 
     store::Referred referred;
@@ -505,6 +525,10 @@ int MessageControl::CreateDraft(const MessageConfig& config) {
         throw Error(kErrorNotFound);
       }
       draft.reply_to = referred.id;
+    }
+    if (config.body.IsSet()) {
+      draft.html = store::RestoreInlineImages(config.body.Get(),
+                                              store::ShowableImages(db, 0, draft.reply_to));
     }
     bool answers = referred.id != 0 &&
                    (draft.draft_type == store::kReply || draft.draft_type == store::kReplyAll);
@@ -562,7 +586,10 @@ bool MessageControl::ModifyDraft(int id, const MessageConfig& config) {
       current.Bind(1, id);
       current.Step();
       int reply_to = current.Int(0);
-      std::string html = config.body.IsSet() ? config.body.Get() : current.Text(1);
+      std::string html = config.body.IsSet()
+                             ? store::RestoreInlineImages(config.body.Get(),
+                                                          store::ShowableImages(db, id, reply_to))
+                             : current.Text(1);
       std::string old_subject = current.Text(2);
 
       store::SetIndexed(db, id, false);

@@ -8,23 +8,32 @@
 // appliance's own server, so TLS would protect nothing. An account's
 // connection type 1 is TLS from the start, 2 STARTTLS or nothing, anything
 // else STARTTLS when the server offers it.
+//
+// Through the relay the appliance vouches for the sender, so a message goes
+// out only from the user's own addresses (OwnAddresses); anything else is
+// kErrorSenderNotOwn, before any server is asked. An account's server
+// judges its own senders.
 #include <unistd.h>
 
 #include <exception>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "appliance/mailcore/controller_impl.h"
+#include "appliance/mailcore/draft_html.h"
 #include "appliance/mailcore/draft_store.h"
 #include "appliance/mailcore/lazy_library.h"
+#include "appliance/mailcore/mime/html_text.h"
 #include "appliance/mailcore/send/send_library.h"
 #include "appliance/mailcore/store_text.h"
 #include "appliance/system/appliance.h"
 #include "appliance/system/clock.h"
 #include "platform/mailcore/control.h"
 #include "platform/mailcore/error.h"
+#include "platform/mailcore/zevo_user.h"
 
 namespace ornic::larkpost::control {
 namespace {
@@ -88,6 +97,14 @@ std::optional<Account> ChooseAccount(store::Database& db, const std::string& fro
   });
 }
 
+// The addresses the appliance's own server sends from for this user: the
+// account's NAME@DOMAIN. Sending identities that the appliance itself
+// serves add theirs here; an SMTP account's address is not one (any text
+// can be typed into an account).
+std::vector<std::string> OwnAddresses(const sdk::ZevoUser& user) {
+  return {user.name() + "@" + user.domain()};
+}
+
 const appliance::Config& Configuration() {
   try {
     return appliance::GetConfig();
@@ -113,6 +130,17 @@ std::string HostName() {
 int MessageControl::Send(int id) {
   store::Draft draft;
   if (!store::LoadDraft(controller_, id, &draft)) throw Error(kErrorNotFound);
+  // Drafts are stored without session parameters; one kept from before
+  // loses them here, so that no session ever leaves in mail.
+  std::map<int, std::string> images;
+  for (const store::DraftAttachment& attachment : draft.attachments) {
+    if (!attachment.content_id.empty()) images.emplace(attachment.id, attachment.content_id);
+  }
+  std::string html = store::RestoreInlineImages(draft.html_body, images);
+  if (html != draft.html_body) {
+    draft.html_body = std::move(html);
+    draft.plain_body = mime::HtmlToText(draft.html_body);
+  }
   if (!AnyAddress(draft.to) && !AnyAddress(draft.cc) && !AnyAddress(draft.bcc)) {
     throw Error(kErrorNoRecipient);
   }
@@ -130,6 +158,8 @@ int MessageControl::Send(int id) {
     job.server.host = config.relay_host;
     job.server.port = config.relay_port;
     job.server.security = send::Security::kNone;
+    job.sender_must_be_own = true;
+    job.own_addresses = OwnAddresses(controller_.zevo_user());
   } else {
     throw Error(kErrorNoSmtpAccount);
   }

@@ -26,7 +26,9 @@ class ZEVO_PLATFORM_API Error : private std::runtime_error {
 };
 
 // Codes thrown by the mail core itself. Codes below 500 belong to the web API
-// framework and the plug-in; the core never throws those.
+// framework and the plug-in; the core never throws those, but for the
+// request-list conversion of util.h, which answers 120 (a bad parameter) as
+// the plug-in's checkers do.
 enum CoreErrorCode : int32_t {
   kErrorNoSuchUser = 501,       // the uid or name is not a user of this system
   kErrorDatabase = 502,         // the user's store cannot be opened or is damaged
@@ -41,6 +43,10 @@ enum CoreErrorCode : int32_t {
   kErrorSmtpAuth = 510,       // the SMTP server refused the login
   kErrorSmtpRejected = 511,   // the server refused the sender, a recipient or the message
   kErrorSmtpTimeout = 512,    // the SMTP server stopped answering
+  // Through the appliance's own server the From (and so the envelope sender)
+  // must be one of the user's own addresses: NAME@DOMAIN of the account, or
+  // the address of one of the user's sending identities.
+  kErrorSenderNotOwn = 513,
 };
 
 }  // namespace ornic

@@ -14,9 +14,12 @@ namespace ornic::util {
 template <typename T>
 using optional = std::optional<T>;
 
-// The elements of a JSON array that are of type T, in order; elements of
-// another type (and every element of a value that is not an array) are left
-// out. For int, only JSON integers within the 32-bit range count.
+// The elements of a JSON array of T, in order. For int, an element is a JSON
+// integer within the 32-bit range (not 5.0, "5", true or null). A list with
+// one element of another type is a bad list, never a shorter one: throws
+// ornic::Error(120), the web API's bad parameter, when `array` is not an
+// array or any element is not a T, so that a caller acting on the ids never
+// acts on some of them.
 template <typename T>
 ZEVO_PLATFORM_API std::vector<T> JsonArrayToVector(const Json::Value& array);
 

@@ -14,6 +14,7 @@
 #include "appliance/mailcore/base/modified_utf7.h"
 #include "platform/mailcore/apivalidator.h"
 #include "platform/mailcore/control.h"
+#include "platform/mailcore/error.h"
 #include "platform/mailcore/record.h"
 #include "platform/mailcore/util.h"
 
@@ -24,6 +25,16 @@ Json::Value Parse(const char* text) {
   Json::Value value;
   std::istringstream(text) >> value;
   return value;
+}
+
+template <typename Body>
+int32_t CodeOf(Body&& body) {
+  try {
+    body();
+  } catch (const Error& e) {
+    return e.ErrorCode();
+  }
+  return 0;
 }
 
 TEST(ModifiedUTF7Test, EncodesAndDecodesBothWays) {
@@ -162,22 +173,20 @@ TEST(ValidatorTest, IdArraysHoldPositiveInt32sOnly) {
   }
 }
 
-TEST(JsonArrayTest, OnlyElementsOfTheAskedTypeAndAlwaysAnArrayBack) {
-  const struct {
-    const char* json;
-    std::vector<int> ints;
-    std::vector<std::string> strings;
-  } cases[] = {
-      {R"([1, "2", 3.0, 4.5, true, null, [5], {"a": 6}, -7])", {1, -7}, {"2"}},
-      {"[2147483647, 2147483648, -2147483648, -2147483649]", {2147483647, -2147483648}, {}},
-      {R"(["a", "", "b"])", {}, {"a", "", "b"}},
-      {R"({"a": 1})", {}, {}},
-      {"null", {}, {}},
-  };
-  for (const auto& c : cases) {
-    const Json::Value value = Parse(c.json);
-    EXPECT_EQ(util::JsonArrayToVector<int>(value), c.ints) << c.json;
-    EXPECT_EQ(util::JsonArrayToVector<std::string>(value), c.strings) << c.json;
+TEST(JsonArrayTest, AListWithOneElementOfAnotherTypeIsRefusedWhole) {
+  EXPECT_EQ(util::JsonArrayToVector<int>(Parse("[6, 2147483647, -2147483648, 0]")),
+            (std::vector<int>{6, 2147483647, -2147483648, 0}));
+  EXPECT_EQ(util::JsonArrayToVector<int>(Parse("[]")), std::vector<int>{});
+  EXPECT_EQ(util::JsonArrayToVector<std::string>(Parse(R"(["a", "", "b"])")),
+            (std::vector<std::string>{"a", "", "b"}));
+  // 6.0: jsoncpp would call it an integer. 4294967302 is 6 in 32 bits.
+  for (const char* bad : {R"([6, "x"])", "[6, 6.5]", "[6, 6.0]", "[6, true]", "[6, null]",
+                          R"([6, "6"])", "[6, [5]]", R"([6, {"a": 6}])", "[6, 2147483648]",
+                          "[6, 4294967302]", "[6, -2147483649]", R"({"a": 6})", "6", "null"}) {
+    EXPECT_EQ(CodeOf([&] { util::JsonArrayToVector<int>(Parse(bad)); }), 120) << bad;
+  }
+  for (const char* bad : {R"(["a", 1])", R"(["a", null])", R"(["a", ["b"]])", R"("a")"}) {
+    EXPECT_EQ(CodeOf([&] { util::JsonArrayToVector<std::string>(Parse(bad)); }), 120) << bad;
   }
   EXPECT_EQ(util::VectorToJsonArray<int>({}), Parse("[]"));
   EXPECT_EQ(util::VectorToJsonArray<int>({3, -1}), Parse("[3, -1]"));

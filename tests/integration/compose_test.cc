@@ -113,7 +113,11 @@ class ComposeTest : public ::testing::Test {
     root_.WriteConfig(R"({"login_failure_delay_ms": 50, "mail_server": {"smtp_enabled": "yes"},)"
                       R"( "relay": {"host": "127.0.0.1", "port": )" +
                       std::to_string(sink_.port()) + "}" + extra + "}");
-    uid_ = root_.AddUser("ann", "secret");
+    // ann@example.org: through the relay she sends only as herself.
+    const ProcessResult added =
+        root_.Ctl({"user", "add", "ann", "--password", "secret", "--domain", "example.org"});
+    ASSERT_EQ(added.exit_code, 0) << added.err;
+    uid_ = static_cast<uint32_t>(std::stoul(added.out));
     server_ = std::make_unique<Server>(root_);
     HttpAnswer login = Http(server_->url("/webapi/auth.cgi"),
                             {{"account", "ann"}, {"passwd", "secret"}}, /*post=*/true);

@@ -11,6 +11,7 @@
 #include <tuple>
 #include <vector>
 
+#include "appliance/mailcore/send/message_builder.h"
 #include "appliance/mailcore/send/smtp_client.h"
 #include "appliance/system/testing.h"
 #include "platform/mailcore/control.h"
@@ -237,7 +238,7 @@ TEST_F(SendTest, BodyStructureFollowsWhatTheDraftHolds) {
 TEST_F(SendTest, IdentityIsTheMatchingAccountThenTheDefaultThenTheRelay) {
   SmtpSink matching, fallback, relay;
   ConfigureRelay(true, relay.port());
-  EXPECT_GT(messages_.Send(Draft({"bob@example.org"})), 0);
+  EXPECT_GT(messages_.Send(Draft({"bob@example.org"}, "<p>Hi</p>", {}, "alice@example.org")), 0);
   EXPECT_EQ(relay.messages().size(), 1u);
 
   AddAccount("other@example.org", fallback.port(), /*is_default=*/true);
@@ -265,6 +266,96 @@ TEST_F(SendTest, IdentityIsTheMatchingAccountThenTheDefaultThenTheRelay) {
   }
   std::sort(ids.begin(), ids.end());
   EXPECT_EQ(std::unique(ids.begin(), ids.end()), ids.end()) << "Message-IDs repeat";
+}
+
+// The user is alice@example.org; without an account of hers the relay
+// carries the message, and only from her own address.
+TEST_F(SendTest, ThroughTheRelayOnlyTheUsersOwnAddressIsTheSender) {
+  SmtpSink relay;
+  ConfigureRelay(true, relay.port());
+  const struct {
+    const char* from;
+    bool sent;
+  } cases[] = {
+      {"alice@example.org", true},
+      {"Alice Example <alice@EXAMPLE.Org>", true},
+      // The name is the user's to choose; the address decides.
+      {"\"ceo@bank.example\" <alice@example.org>", true},
+      {"alice@example.org, ceo@bank.example", true},  // only the first goes out
+      {"ceo@bank.example", false},
+      {"Alice <ceo@bank.example>", false},
+      {"alice@example.org <ceo@bank.example>", false},
+      {"ceo@bank.example, alice@example.org", false},
+      {"Board: ceo@bank.example;", false},
+      {"Alice@example.org", false},  // user names differ by case
+      {"alice@example.org.evil.example", false},
+      {"alice@sub.example.org", false},
+  };
+  for (const auto& c : cases) {
+    ::larkpost::fake::ResetSystemLog();
+    const size_t before = relay.sessions().size();
+    const int draft = Draft({"bob@example.org"}, "<p>Hi</p>", {}, c.from);
+    const int32_t code = CodeOf([&] { messages_.Send(draft); });
+    if (c.sent) {
+      EXPECT_EQ(code, 0) << c.from;
+      ASSERT_EQ(relay.sessions().size(), before + 1) << c.from;
+      EXPECT_EQ(relay.sessions().back().mail_from, send::SenderAddress(c.from)) << c.from;
+      continue;
+    }
+    EXPECT_EQ(code, kErrorSenderNotOwn) << c.from;
+    EXPECT_EQ(relay.sessions().size(), before) << c.from << ": no server is asked";
+    EXPECT_EQ(messages_.GetFullMessage(draft).from, c.from) << c.from;
+    EXPECT_EQ(messages_.GetMessage(draft).mailbox_id, kDrafts) << c.from;
+    EXPECT_EQ(::larkpost::fake::LogTexts().size(), 1u) << c.from;
+  }
+  EXPECT_EQ(SentCount(), 4);
+
+  // An account of the user's own sends as its server allows.
+  AddAccount("ceo@bank.example", relay.port());
+  EXPECT_GT(messages_.Send(Draft({"bob@example.org"}, "<p>Hi</p>", {}, "ceo@bank.example")), 0);
+}
+
+// A draft kept with the download URLs it was shown with (as drafts were
+// before they were stored without them) goes out with "cid:" and no session.
+TEST_F(SendTest, NoSessionLeavesInMail) {
+  SmtpSink sink;
+  AddAccount("ann@example.org", sink.port());
+  std::string cid;
+  const int draft = Draft({"bob@example.org"}, "<p>x</p>", {Upload("dot.png", kPng, true, &cid)});
+  const std::string image = std::to_string(messages_.GetMessage(draft).attachments.at(0).id);
+  const std::string url =
+      "/webapi/entry.cgi?api=ZEVO.Larkpost.Attachment&amp;version=1&amp;"
+      "method=download&amp;_sid=S1d&amp;id=";
+  // The store takes a message's text only while it is out of the index.
+  db().Exec("UPDATE message SET indexed = 0 WHERE id = " + std::to_string(draft));
+  store::Statement old(db(), "UPDATE message_body SET html = ?2 WHERE message_id = ?1");
+  old.Bind(1, draft).Bind(2, "<p><img src=\"" + url + image + "&amp;_token=T0k\"><a href=\"" + url +
+                                 "99&amp;_token=T0k\">all</a></p>");
+  old.Run();
+  db().Exec("UPDATE message SET indexed = 1 WHERE id = " + std::to_string(draft));
+
+  messages_.Send(draft);
+
+  const std::string data = sink.messages().at(0);
+  EXPECT_EQ(data.find("T0k"), std::string::npos) << data;
+  EXPECT_EQ(data.find("S1d"), std::string::npos) << data;
+  const Received received = Parse(data);
+  EXPECT_EQ(received.tree,
+            "multipart/alternative(text/plain,multipart/related(text/html,image/png))");
+  EXPECT_NE(received.leaves.at(1).content.find("<img src=\"cid:" + cid + "\">"), std::string::npos)
+      << received.leaves.at(1).content;
+}
+
+TEST(SenderTest, OwnAddressesAreComparedByTheirDomainsCaseOnly) {
+  const std::vector<std::string> own = {"alice@example.org", "a.smith@Team.Example"};
+  for (const char* yes : {"alice@example.org", "alice@EXAMPLE.ORG", "a.smith@team.example"}) {
+    EXPECT_TRUE(send::IsOwnAddress(yes, own)) << yes;
+  }
+  for (const char* no : {"ALICE@example.org", "alice@example.org.", "xalice@example.org",
+                         "alice@example.orgx", "alice", "@example.org", "", "alice@team.example"}) {
+    EXPECT_FALSE(send::IsOwnAddress(no, own)) << no;
+  }
+  EXPECT_FALSE(send::IsOwnAddress("alice@example.org", {}));
 }
 
 TEST_F(SendTest, NoAccountAndTheLocalServerOffIsNoSmtpAccount) {

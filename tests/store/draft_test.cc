@@ -1,11 +1,14 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <map>
 #include <string>
 #include <tuple>
 #include <vector>
 
+#include "appliance/mailcore/draft_html.h"
 #include "appliance/mailcore/draft_store.h"
+#include "platform/mailcore/html_parser.h"
 #include "tests/store/store_fixture.h"
 
 namespace ornic::larkpost::testing {
@@ -168,7 +171,6 @@ TEST_F(DraftTest, UploadsBecomeTheDraftsOwnAndAreUsedUp) {
   ASSERT_EQ(access(first_path.c_str(), F_OK), 0);
 
   control::MessageConfig config = NewDraft();
-  config.body.Set("<p>Look: <img src=\"cid:" + cid + "\"></p>");
   config.temp_attachment.Set({first, image});
   int id = messages_.CreateDraft(config);
   EXPECT_EQ(Contents(id), (Texts{"report.zip:" + binary, "photo.png:" + kLogo}));
@@ -253,6 +255,93 @@ TEST_F(DraftTest, DeletingDraftsRefusesOtherMessages) {
   EXPECT_EQ(Query("SELECT message_count + draft_count FROM mailbox WHERE id = 2"), 0);
   EXPECT_EQ(Query("SELECT count(*) FROM thread"), 2);
   EXPECT_EQ(Inconsistencies(), Texts());
+}
+
+// The HTML that draft "get" shows: inline images as download URLs carrying
+// the session's token.
+std::string Shown(const record::FullMessage& message) {
+  html::HTMLParser parser;
+  parser.open_links_in_new_window = false;
+  parser.Normalize(message.html_body, "T0ken", message.InlineImageMapping());
+  return parser.GetBody();
+}
+
+TEST_F(DraftTest, TheShownHtmlSavedBackKeepsTheInlineImagesAsCid) {
+  std::string cid;
+  control::MessageConfig config = NewDraft();
+  config.temp_attachment.Set({Upload("photo.png", kLogo, true, &cid)});
+  config.body.Set("<p>Look: <img src=\"cid:" + cid + "\"></p>");
+  const int id = messages_.CreateDraft(config);
+  const std::string shown = Shown(messages_.GetFullMessage(id));
+  ASSERT_NE(shown.find("_token=T0ken"), std::string::npos) << shown;
+
+  control::MessageConfig save;
+  save.body.Set(shown + "<p>and more</p>");
+  ASSERT_TRUE(messages_.ModifyDraft(id, save));
+  const record::FullMessage saved = messages_.GetFullMessage(id);
+  EXPECT_EQ(Contents(id), Texts{"photo.png:" + kLogo});
+  EXPECT_NE(saved.html_body.find("src=\"cid:" + cid + "\""), std::string::npos) << saved.html_body;
+  EXPECT_EQ(saved.html_body.find("T0ken"), std::string::npos) << saved.html_body;
+
+  // A reply that quotes the shown message keeps its picture; a draft that
+  // shows a message it does not refer to gets no copy, nor the token.
+  control::MessageConfig reply = NewDraft("Re: Report");
+  reply.refer_to.Set(r2_);
+  reply.draft_type.Set(1);
+  record::FullMessage original = messages_.GetFullMessage(r2_);
+  original.html_body = "<blockquote><img src=\"cid:logo@example.org\"></blockquote>";
+  reply.body.Set(Shown(original));
+  const int answer = messages_.CreateDraft(reply);
+  EXPECT_EQ(Contents(answer), Texts{"logo.png:" + kLogo});
+  EXPECT_NE(messages_.GetFullMessage(answer).html_body.find("\"cid:logo@example.org\""),
+            std::string::npos);
+  reply.refer_to.Set(other_);
+  const int stranger = messages_.CreateDraft(reply);
+  EXPECT_EQ(Contents(stranger), Texts());
+  const std::string kept = messages_.GetFullMessage(stranger).html_body;
+  EXPECT_EQ(kept.find("T0ken"), std::string::npos) << kept;
+  EXPECT_EQ(kept.find("cid:"), std::string::npos) << kept;
+  EXPECT_EQ(Inconsistencies(), Texts());
+}
+
+TEST(RestoreInlineImagesTest, OwnDownloadUrlsBecomeCidAndNoUrlKeepsTheSession) {
+  const std::map<int, std::string> images = {{12, "photo@x"}, {13, "odd\"id"}};
+  const std::string kDownload =
+      "/webapi/entry.cgi?api=ZEVO.Larkpost.Attachment&amp;version=1&amp;"
+      "method=download&amp;id=";
+  const struct {
+    std::string html, want;
+  } cases[] = {
+      {"<img src=\"" + kDownload + "12&amp;_token=T0k\">", "<img src=\"cid:photo@x\">"},
+      {"<img src='https://nas.example:5001/webapi/entry.cgi?api=ZEVO.Larkpost.Attachment&"
+       "version=1&method=download&id=12&_token=T0k&_sid=S1d'>",
+       "<img src='cid:photo@x'>"},
+      {"<img src=\"//nas/webapi/entry.cgi?_sid=S1d&#38;id=12&#38;method=download&#38;"
+       "api=ZEVO%2ELarkpost%2EAttachment\" alt=x>",
+       "<img src=\"cid:photo@x\" alt=x>"},
+      {"<div style=\"background: url(&quot;" + kDownload + "12&amp;_token=T0k&quot;)\">",
+       "<div style=\"background: url(&quot;cid:photo@x&quot;)\">"},
+      {"<img srcset=\"" + kDownload + "12&amp;_sid=S1d 1x," + kDownload + "99&amp;_sid=S1d 2x\">",
+       "<img srcset=\"cid:photo@x 1x," + kDownload + "99 2x\">"},
+      // Not this draft's, not an id, not a download, a content id that
+      // cannot stand in an attribute: kept, without the session.
+      {"<img src=\"" + kDownload + "99&amp;_token=T0k\">", "<img src=\"" + kDownload + "99\">"},
+      {"<img src=\"" + kDownload + "4294967308&amp;_token=T0k\">",
+       "<img src=\"" + kDownload + "4294967308\">"},
+      {"<img src=\"" + kDownload + "12x&amp;_token=T0k\">", "<img src=\"" + kDownload + "12x\">"},
+      {"<img src=\"" + kDownload + "13&amp;_token=T0k\">", "<img src=\"" + kDownload + "13\">"},
+      {"<a href=\"/webapi/entry.cgi?_token=T0k&amp;api=ZEVO.Larkpost.Attachment&amp;"
+       "method=download_all&amp;id=12&amp;_sid=S1d#top\">all</a>",
+       "<a href=\"/webapi/entry.cgi?api=ZEVO.Larkpost.Attachment&amp;method=download_all&amp;"
+       "id=12#top\">all</a>"},
+      {"<a href=/webapi/entry.cgi?_sid=S1d>x</a>", "<a href=/webapi/entry.cgi?>x</a>"},
+      {"<p>/cgi/myentry.cgi?_token=T0k</p>", "<p>/cgi/myentry.cgi?_token=T0k</p>"},
+      {"<p>cid:photo@x</p>", "<p>cid:photo@x</p>"},
+  };
+  for (const auto& c : cases) {
+    const std::string restored = store::RestoreInlineImages(c.html, images);
+    EXPECT_EQ(restored, c.want) << c.html;
+  }
 }
 
 // Sending itself (the copy's mailbox, thread, flags and source) is the send

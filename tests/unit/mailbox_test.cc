@@ -105,7 +105,6 @@ TEST_F(MailboxTest, ListAndGetAskForTheCountsAndKeepTheCoresOrder) {
        "true true",
        {3, 7}},
       {MailboxGet_v1, R"({"id": [12]})", "false false", {12}},  // unsubscribed ones too
-      {MailboxGet_v1, R"({"id": ["3", 7, 1.5]})", "false false", {7}},
   };
   for (const Case& c : cases) {
     fake::core().calls.clear();
@@ -123,7 +122,9 @@ TEST_F(MailboxTest, ListAndGetAskForTheCountsAndKeepTheCoresOrder) {
   EXPECT_EQ(Data(Run(MailboxGet_v1, J(R"({"id": [99]})"))), J(R"({"mailbox": []})"));
   fake::core().mailboxes.clear();
   EXPECT_EQ(AsSent(Data(Run(MailboxList_v1))), J(R"({"mailbox": [], "total": 0})"));
-  ExpectRefused(MailboxGet_v1, 120, {R"({})", R"({"id": null})", R"({"id": 3})"});
+  // One id that is not an integer spoils the list: it is not read shorter.
+  ExpectRefused(MailboxGet_v1, 120,
+                {R"({})", R"({"id": null})", R"({"id": 3})", R"({"id": ["3", 7, 1.5]})"});
 }
 
 TEST_F(MailboxTest, DeleteAndClearMessageGoOnAfterFailuresAndListThem) {

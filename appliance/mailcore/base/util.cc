@@ -3,8 +3,13 @@
 #include <string>
 #include <vector>
 
+#include "platform/mailcore/error.h"
+
 namespace ornic::util {
 namespace {
+
+// The web API's bad parameter: a list converted here is a request's.
+constexpr int32_t kBadParameter = 120;
 
 // What counts as an element of type T, and its value.
 template <typename T>
@@ -30,10 +35,12 @@ struct Element<std::string> {
 
 template <typename T>
 std::vector<T> JsonArrayToVector(const Json::Value& array) {
+  if (!array.isArray()) throw Error(kBadParameter);
   std::vector<T> values;
-  if (!array.isArray()) return values;
+  values.reserve(array.size());
   for (const Json::Value& element : array) {
-    if (Element<T>::Accepts(element)) values.push_back(Element<T>::Get(element));
+    if (!Element<T>::Accepts(element)) throw Error(kBadParameter);
+    values.push_back(Element<T>::Get(element));
   }
   return values;
 }

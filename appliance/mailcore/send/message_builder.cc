@@ -35,6 +35,11 @@ struct DateRelease {
   void operator()(GDateTime* date) const { g_date_time_unref(date); }
 };
 
+void InitGMime() {
+  static std::once_flag init;
+  std::call_once(init, [] { g_mime_init(); });
+}
+
 [[noreturn]] void StorageFailure(int line, const std::string& what) {
   store::LogError("send", line, what + ": " + strerror(errno));
   throw Error(kErrorStorage);
@@ -249,6 +254,29 @@ GObjectPtr<GMimeObject> Body(const store::Draft& draft, const ContentWriter& wri
 
 }  // namespace
 
+std::string SenderAddress(const std::string& from_text) {
+  InitGMime();
+  GObjectPtr<InternetAddressList> list = ParseAddresses(from_text);
+  std::vector<InternetAddressMailbox*> mailboxes;
+  Mailboxes(list.get(), &mailboxes);
+  const char* address =
+      mailboxes.empty() ? nullptr : internet_address_mailbox_get_addr(mailboxes.front());
+  return address == nullptr ? std::string() : address;
+}
+
+bool IsOwnAddress(const std::string& address, const std::vector<std::string>& own) {
+  const size_t at = address.rfind('@');
+  if (at == std::string::npos || at == 0) return false;
+  for (const std::string& mine : own) {
+    const size_t mine_at = mine.rfind('@');
+    if (mine_at == at && address.compare(0, at, mine, 0, at) == 0 &&
+        Lower(address.substr(at)) == Lower(mine.substr(mine_at))) {
+      return true;
+    }
+  }
+  return false;
+}
+
 int OpenWorkFile(const std::string& dir) {
   const std::string where = dir.empty() ? "/tmp" : dir;
   int fd = open(where.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
@@ -263,9 +291,7 @@ int OpenWorkFile(const std::string& dir) {
 
 Envelope WriteMessage(const store::Draft& draft, const MessageHeaders& headers,
                       const ContentWriter& content, const std::string& work_dir, int out) {
-  static std::once_flag init;
-  std::call_once(init, [] { g_mime_init(); });
-
+  InitGMime();
   Envelope envelope;
   GObjectPtr<GMimeMessage> message(g_mime_message_new(TRUE));
   GMimeObject* object = GMIME_OBJECT(message.get());

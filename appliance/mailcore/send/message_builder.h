@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "appliance/mailcore/draft_store.h"
 #include "appliance/mailcore/send/smtp_client.h"
@@ -37,6 +38,16 @@ using ContentWriter = std::function<void(const store::DraftAttachment&, int fd)>
 // throws.
 Envelope WriteMessage(const store::Draft& draft, const MessageHeaders& headers,
                       const ContentWriter& content, const std::string& work_dir, int out);
+
+// The address a draft whose From is `from_text` goes out from: the first
+// mailbox of the From (a group's members included), which is both the From
+// header and the envelope sender; "" when there is none. Later mailboxes
+// of the From never go out.
+std::string SenderAddress(const std::string& from_text);
+
+// Whether `address` is one of `own`: the local part as it is written (user
+// names differ by case), the domain without regard to ASCII case.
+bool IsOwnAddress(const std::string& address, const std::vector<std::string>& own);
 
 // A new file in `dir` that has no name and goes when closed. Throws
 // ornic::Error(kErrorStorage) when none can be made.

@@ -55,6 +55,16 @@ std::string MessageId(int64_t now, const std::string& domain) {
 
 void Send(const SendJob& job, SendOutcome* outcome) {
   const store::Draft& draft = *job.draft;
+  if (job.sender_must_be_own) {
+    const std::string sender = SenderAddress(draft.from);
+    if (!sender.empty() && !IsOwnAddress(sender, job.own_addresses)) {
+      store::LogError("send", __LINE__,
+                      "draft " + std::to_string(draft.id) + " is not sent as " + sender +
+                          ": the appliance's server sends only from the user's own addresses");
+      outcome->error = kErrorSenderNotOwn;
+      return;
+    }
+  }
   MessageHeaders headers;
   headers.message_id = MessageId(job.now, job.id_domain);
   headers.date = job.now;

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "appliance/mailcore/draft_store.h"
 #include "appliance/mailcore/message_store.h"
@@ -19,6 +20,11 @@ struct SendJob {
   control::Controller* controller = nullptr;  // the draft's owner: attachment contents
   const store::Draft* draft = nullptr;
   SmtpServer server;
+  // Set when the server is the appliance's own: the message goes out only
+  // from one of `own_addresses`. An account of the user's own is the
+  // account's server's to judge.
+  bool sender_must_be_own = false;
+  std::vector<std::string> own_addresses;
   std::string sender_name;  // the From's display name when the draft's From has none
   std::string id_domain;    // the domain of the Message-ID
   std::string work_dir;     // where anonymous work files go (the user's folder)
