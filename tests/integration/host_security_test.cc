@@ -4,6 +4,10 @@
 // checked at the door, and failed logins throttled.
 #include <gtest/gtest.h>
 
+#include <archive.h>
+#include <archive_entry.h>
+
+#include <algorithm>
 #include <future>
 #include <map>
 #include <memory>
@@ -230,6 +234,47 @@ TEST_F(HostSecurityTest, WrongPasswordsAreThrottledWithoutLockingTheOwnerOut) {
     EXPECT_LE(std::stoi(elsewhere.headers.at("retry-after")), 5);
   }
   EXPECT_TRUE(root_.Cgi("auth.cgi", home).json["success"].asBool());
+}
+
+// Names that mail chose to fool a reader: one that hides ".svg" behind a NUL
+// is served as the text it is, and one far longer than a file name still
+// reaches the archive of all attachments.
+TEST_F(HostSecurityTest, HostileAttachmentNamesAreServedAsTheirParts) {
+  const std::string fixture =
+      ReadFile(std::string(LARKPOST_SOURCE_DIR) + "/tests/fixtures/mail/real/names.eml");
+  ASSERT_FALSE(fixture.empty());
+  const ProcessResult delivered = root_.Ctl({"deliver", "ann"}, fixture);
+  ASSERT_EQ(delivered.exit_code, 0) << delivered.err;
+  const std::string message = std::to_string(std::stoi(delivered.out));
+  const Json::Value attachments =
+      Call("ZEVO.Larkpost.Message", "get", {{"_sid", sid_}, {"id", "[" + message + "]"}})
+          .json["data"]["message"][0]["attachment"];
+  ASSERT_EQ(attachments.size(), 2u);
+  EXPECT_EQ(attachments[0]["name"], "x.txt");
+  const std::string long_name = attachments[1]["name"].asString();
+  EXPECT_LE(long_name.size(), 240u);
+  EXPECT_EQ(long_name.substr(long_name.size() - 4), ".pdf");
+
+  const std::map<std::string, std::string> with_token = {{"_sid", sid_}, {"_token", token_}};
+  std::map<std::string, std::string> text = with_token;
+  text.insert({{"id", attachments[0]["id"].asString()}, {"type", "original"}});
+  EXPECT_EQ(Call("ZEVO.Larkpost.Attachment", "download", text).headers["content-type"],
+            "text/plain");
+
+  std::map<std::string, std::string> all = with_token;
+  all["id"] = message;
+  const std::string zip = Call("ZEVO.Larkpost.Attachment", "download_all", all).body;
+  std::unique_ptr<archive, int (*)(archive*)> reader(archive_read_new(), archive_read_free);
+  archive_read_support_format_zip(reader.get());
+  ASSERT_EQ(archive_read_open_memory(reader.get(), zip.data(), zip.size()), ARCHIVE_OK);
+  std::vector<std::string> names;
+  archive_entry* entry;
+  while (archive_read_next_header(reader.get(), &entry) == ARCHIVE_OK) {
+    names.push_back(archive_entry_pathname_utf8(entry) ? archive_entry_pathname_utf8(entry)
+                                                       : archive_entry_pathname(entry));
+  }
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(names, (std::vector<std::string>{long_name, "x.txt"}));
 }
 
 }  // namespace
