@@ -67,7 +67,7 @@ std::string MakeJpeg(const std::string& dir, int width, int height) {
   std::string bmp = "BM" + little(54 + row * height, 4) + little(0, 4) + little(54, 4) +
                     little(40, 4) + little(width, 4) + little(height, 4) + little(1, 2) +
                     little(24, 2) + little(0, 4) + little(row * height, 4) + little(2835, 4) +
-                    little(2835, 4) + little(0, 8);
+                    little(2835, 4) + little(0, 4) + little(0, 4);
   for (int y = height - 1; y >= 0; --y) {
     for (int x = 0; x < width; ++x) {
       bmp += static_cast<char>(128);
