@@ -1,11 +1,16 @@
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <string>
 #include <vector>
 
 #include "appliance/mailcore/attachment_content.h"
 #include "appliance/mailcore/controller_impl.h"
 #include "appliance/mailcore/store_records.h"
+#include "appliance/system/appliance.h"
 #include "platform/mailcore/control.h"
 #include "platform/mailcore/error.h"
 
@@ -24,13 +29,50 @@ constexpr char kContentIdDomain[] = "@larkpost";
 // composer, a browser gone); it is dropped when the user uploads next.
 constexpr int64_t kTempAttachmentLifetime = 7 * 24 * 3600;
 
-// Deletes the records of abandoned uploads; returns their files, which go
-// once the change is committed.
-std::vector<std::string> DropAbandonedUploads(Database& db) {
+// Where the webmail copies uploads before it registers them, below the
+// user's application folder (PrepareUserLarkpostDir), and what it names them.
+constexpr char kUploadFolder[] = "/.ORNIC/@tmp";
+constexpr char kUploadPrefix[] = "attachment_";
+// A copy is registered moments after it was written; one that nothing refers
+// to after this long was left behind (a failed preview conversion leaves its
+// content there, a refused registration its copy).
+constexpr int64_t kStrayCopyGrace = 15 * 60;
+
+// The copies in the user's upload folder that no upload refers to and that
+// nobody has touched within the grace period: never an upload in flight.
+void AddStrayCopies(Database& db, uint32_t uid, std::vector<std::string>& files) {
+  const std::string folder = ::larkpost::appliance::UserDir(uid) + kUploadFolder;
+  DIR* listing = opendir(folder.c_str());
+  if (listing == nullptr) return;
+  // By name too: the names are random, and a path written another way must
+  // never cost a user an upload.
+  Statement known(db,
+                  "SELECT EXISTS (SELECT 1 FROM attachment_temp WHERE path = ?1 "
+                  "OR substr(path, -length(?2) - 1) = '/' || ?2)");
+  const int64_t touched_before = store::Now() - kStrayCopyGrace;
+  while (const dirent* entry = readdir(listing)) {
+    if (std::strncmp(entry->d_name, kUploadPrefix, sizeof(kUploadPrefix) - 1) != 0) continue;
+    struct stat info;
+    if (fstatat(dirfd(listing), entry->d_name, &info, AT_SYMLINK_NOFOLLOW) != 0 ||
+        !S_ISREG(info.st_mode) || info.st_mtime >= touched_before) {
+      continue;
+    }
+    const std::string path = folder + "/" + entry->d_name;
+    known.Reset();
+    known.Bind(1, path).Bind(2, std::string(entry->d_name));
+    if (known.Step() && known.Int(0) == 0) files.push_back(path);
+  }
+  closedir(listing);
+}
+
+// Deletes the records of abandoned uploads; returns their files and the
+// stray copies beside them, which go once the change is committed.
+std::vector<std::string> DropAbandonedUploads(Database& db, uint32_t uid) {
   std::vector<std::string> files;
   Statement drop(db, "DELETE FROM attachment_temp WHERE created < ?1 RETURNING path");
   drop.Bind(1, store::Now() - kTempAttachmentLifetime);
   while (drop.Step()) files.push_back(drop.Text(0));
+  AddStrayCopies(db, uid, files);
   return files;
 }
 
@@ -64,7 +106,7 @@ int AttachmentControl::AddAttachmentTemp(const AttachmentConfig& config, std::st
     insert.Bind(5, config.is_inline.IsSet() && config.is_inline.Get()).Bind(6, store::Now());
     insert.Run();
     int id = static_cast<int>(db.LastInsertRowid());
-    const std::vector<std::string> abandoned = DropAbandonedUploads(db);
+    const std::vector<std::string> abandoned = DropAbandonedUploads(db, controller_.uid());
     transaction.Commit();
     for (const std::string& file : abandoned) unlink(file.c_str());
     content_id = id_text;

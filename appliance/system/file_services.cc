@@ -5,7 +5,13 @@
 // Programs run with the caller's environment but never with its standard
 // input and output: a host program's standard input is the request body and
 // its standard output the answer, so a child reads /dev/null and writes what
-// it prints to our standard error (the web server's error log).
+// it prints to our standard error (the web server's error log). A program
+// learns whose request it serves from $LARKPOST_REQUEST_USER, which we set.
+//
+// A copy reads its source through OpenBeneathRoot: beneath the share, home
+// or appliance folder that the path lies in, with the request user's rights,
+// and from the one descriptor that was checked, so that what the kernel let
+// the user open is what is copied.
 #include "platform/zevo/file.h"
 
 #include <errno.h>
@@ -24,6 +30,7 @@
 #include <vector>
 
 #include "appliance/system/appliance.h"
+#include "appliance/system/share_path.h"
 
 extern char** environ;
 
@@ -58,6 +65,8 @@ unsigned int ErrorFromErrno(int error, unsigned int fallback = VESLC_ERR_IO) {
     case EACCES:
     case EPERM:
     case EROFS:
+    case EXDEV:  // a path that leaves its share
+    case ELOOP:  // a path through a symbolic link
       return VESLC_ERR_ACCESS;
     default:
       return fallback;
@@ -167,6 +176,7 @@ int AboveStdio(int fd) {
 struct ChildSetup {
   const char* path = nullptr;
   char* const* argv = nullptr;
+  char* const* envp = nullptr;
   int null_fd = -1;   // /dev/null
   int error_fd = -1;  // where a failed exec reports its errno
   bool has_stderr = false;
@@ -188,7 +198,7 @@ struct ChildSetup {
   sigset_t none;
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);
-  execve(setup.path, setup.argv, environ);
+  execve(setup.path, setup.argv, setup.envp);
   const int error = errno;
   ssize_t ignored = write(setup.error_fd, &error, sizeof(error));
   (void)ignored;
@@ -217,6 +227,20 @@ int ExecError(int read_fd) {
   return got == sizeof(error) ? error : 0;
 }
 
+// Our environment with the request's user in kRequestUserVariable (and
+// without it when no user is known, so that none is passed on by mistake).
+std::vector<std::string> ChildEnvironment() {
+  const std::string variable = std::string(larkpost::appliance::kRequestUserVariable) + "=";
+  std::vector<std::string> env;
+  for (char** entry = environ; *entry != nullptr; ++entry) {
+    if (std::strncmp(*entry, variable.c_str(), variable.size()) != 0) env.emplace_back(*entry);
+  }
+  if (const auto user = larkpost::appliance::GetRequestUser()) {
+    env.push_back(variable + larkpost::appliance::FormatRequestUser(*user));
+  }
+  return env;
+}
+
 int Execute(const char* path, char* const argv[], bool wait) {
   if (path == nullptr || *path == '\0' || argv == nullptr || argv[0] == nullptr) {
     return Fail(VESLC_ERR_INVALID);
@@ -229,9 +253,15 @@ int Execute(const char* path, char* const argv[], bool wait) {
   Descriptor error_write(AboveStdio(pipe_fds[1]));
   if (!error_read.valid() || !error_write.valid()) return Fail(VESLC_ERR_EXEC);
 
+  std::vector<std::string> env = ChildEnvironment();
+  std::vector<char*> envp;
+  for (std::string& entry : env) envp.push_back(entry.data());
+  envp.push_back(nullptr);
+
   ChildSetup setup;
   setup.path = program.c_str();
   setup.argv = argv;
+  setup.envp = envp.data();
   setup.null_fd = null_fd.get();
   setup.error_fd = error_write.get();
   setup.has_stderr = fcntl(STDERR_FILENO, F_GETFD) != -1;
@@ -298,7 +328,7 @@ int ZEVOFileCopy(const char* source, const char* destination, unsigned int optio
   }
   // Non-blocking, so that a FIFO named as the source is refused below
   // instead of waiting for a writer.
-  Descriptor from(open(source, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  Descriptor from(larkpost::appliance::OpenBeneathRoot(source, O_RDONLY | O_NONBLOCK));
   if (!from.valid()) return Fail(ErrorFromErrno(errno));
   struct stat info;
   if (fstat(from.get(), &info) != 0) return Fail(ErrorFromErrno(errno));

@@ -56,19 +56,34 @@ std::string Base64Lines(const std::string& bytes) {
 // A real JPEG of `width` x `height`, made by our own image program from a
 // gradient.
 std::string MakeJpeg(const std::string& dir, int width, int height) {
-  std::string ppm = "P6\n" + std::to_string(width) + " " + std::to_string(height) + "\n255\n";
-  for (int y = 0; y < height; ++y) {
+  // A 24-bit BMP (rows bottom-up, padded to four bytes), converted as the
+  // host runs the image program: from the upload spool, for a user.
+  const int row = (width * 3 + 3) / 4 * 4;
+  const auto little = [](uint32_t value, int bytes) {
+    std::string text;
+    for (int i = 0; i < bytes; ++i) text += static_cast<char>(value >> (8 * i) & 0xFF);
+    return text;
+  };
+  std::string bmp = "BM" + little(54 + row * height, 4) + little(0, 4) + little(54, 4) +
+                    little(40, 4) + little(width, 4) + little(height, 4) + little(1, 2) +
+                    little(24, 2) + little(0, 4) + little(row * height, 4) + little(2835, 4) +
+                    little(2835, 4) + little(0, 4) + little(0, 4);
+  for (int y = height - 1; y >= 0; --y) {
     for (int x = 0; x < width; ++x) {
-      ppm += static_cast<char>(x * 255 / width);
-      ppm += static_cast<char>(y * 255 / height);
-      ppm += static_cast<char>(128);
+      bmp += static_cast<char>(128);
+      bmp += static_cast<char>(y * 255 / height);
+      bmp += static_cast<char>(x * 255 / width);
     }
+    bmp.append(static_cast<size_t>(row - width * 3), '\0');
   }
-  std::ofstream(dir + "/gradient.ppm", std::ios::binary) << ppm;
+  const std::string spool = dir + "/tmp/upload";
+  fs::create_directories(spool);
+  std::ofstream(spool + "/gradient.bmp", std::ios::binary) << bmp;
   ProcessResult made =
-      RunProcess({BinDir() + "/convert-thumb", dir + "/gradient.ppm", dir + "/gradient.jpg"}, {});
+      RunProcess({BinDir() + "/convert-thumb", spool + "/gradient.bmp", spool + "/gradient.jpg"},
+                 {{"LARKPOST_ROOT", dir}, {"LARKPOST_REQUEST_USER", "0"}});
   if (made.exit_code != 0) throw std::runtime_error("convert-thumb: " + made.err);
-  return ReadFile(dir + "/gradient.jpg");
+  return ReadFile(spool + "/gradient.jpg");
 }
 
 // Bytes compared without printing them: the sizes and where they part.

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <limits.h>
 #include <signal.h>
+#include <sys/fsuid.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/wait.h>
@@ -20,11 +21,14 @@
 #include <vector>
 
 #include "appliance/system/appliance.h"
+#include "appliance/system/share_path.h"
 #include "platform/zevo/file.h"
 #include "tests/system/temp_root.h"
 
 namespace larkpost::appliance {
 namespace {
+
+constexpr uint32_t kAlice = 1026, kBob = 1027;
 
 class FileServicesTest : public ::testing::Test {
  protected:
@@ -81,6 +85,8 @@ TEST_F(FileServicesTest, CopiesReplaceTheDestinationWholeOrNotAtAll) {
   std::string data(1024 * 1024 + 7, '\0');  // several copy blocks and a bit
   std::mt19937 random(7);
   for (char& c : data) c = static_cast<char>(random());
+  root_.Write("etc/larkpost.json", R"({"shares": {"src": ")" + Path("src") + R"("}})");
+  SetRequestUser({kAlice, true});  // an administrator reads what the host can
   const std::string source = Path("src/in"), out = Path("dst/out");
   for (auto [mode, copy_mode, contents] :
        {std::tuple<mode_t, mode_t, std::string>{0640, 0640, data},
@@ -115,6 +121,135 @@ TEST_F(FileServicesTest, CopiesReplaceTheDestinationWholeOrNotAtAll) {
     EXPECT_EQ(VESLCErrGet(), c.error) << c.source << " -> " << c.destination;
     EXPECT_EQ(root_.Read("dst/out"), "kept");
     EXPECT_EQ(Listing("dst"), (std::set<std::string>{"folder", "out"})) << c.source;
+  }
+}
+
+// A share and two homes, as a root host sees them:
+//   public/readme (everyone's), public/secret (root's)
+//   homes/alice/doc.txt, dir/file (alice's); to-dir -> dir, to-doc -> doc.txt
+//   homes/alice/stash/file (root's, in alice's home); homes/bob/private (bob's)
+//   vault/file (root's, in no folder that is read from)
+class ConfinedOpenTest : public FileServicesTest {
+ protected:
+  void SetUp() override {
+    if (geteuid() != 0) GTEST_SKIP() << "reading with a user's rights needs a root host";
+    root_.Write("etc/larkpost.json", R"({"shares": {"public": ")" + Path("public") + R"("}})");
+    Make("public/readme", 0, 0644);
+    Make("public/secret", 0, 0600);
+    chmod(Path("public").c_str(), 0755);
+    Make("homes/alice/doc.txt", kAlice, 0600);
+    Make("homes/alice/dir/file", kAlice, 0600);
+    Make("homes/alice/stash/file", 0, 0600);
+    Make("homes/bob/private", kBob, 0600);
+    Make("vault/file", 0, 0600);
+    for (const auto& [dir, owner] : {std::pair<const char*, uint32_t>{"homes/alice", kAlice},
+                                     {"homes/alice/dir", kAlice},
+                                     {"homes/bob", kBob}}) {
+      ASSERT_EQ(chown(Path(dir).c_str(), owner, 0), 0);
+    }
+    // As a new account leaves them: the user may pass through to the home.
+    for (const std::string& passable : {root_.path(), Path("homes")}) {
+      ASSERT_EQ(chmod(passable.c_str(), 0711), 0);
+    }
+    ASSERT_EQ(symlink("dir", Path("homes/alice/to-dir").c_str()), 0);
+    ASSERT_EQ(symlink("doc.txt", Path("homes/alice/to-doc").c_str()), 0);
+    MakeDirs(Path("out"));
+  }
+
+  void Make(const std::string& relative, uint32_t owner, mode_t mode) {
+    root_.Write(relative, relative);
+    ASSERT_EQ(chown(Path(relative).c_str(), owner, 0), 0);
+    ASSERT_EQ(chmod(Path(relative).c_str(), mode), 0);
+  }
+
+  // What ZEVOFileCopy makes of `source` for `user`: VESLC_ERR_NONE when it
+  // copied the file whole.
+  unsigned int Copy(const std::string& source, RequestUser user) {
+    SetRequestUser(user);
+    const std::string out = Path("out/copy");
+    unlink(out.c_str());
+    if (ZEVOFileCopy(source.c_str(), out.c_str(), 0) != 0) {
+      EXPECT_EQ(Listing("out"), std::set<std::string>()) << source;
+      return VESLCErrGet();
+    }
+    EXPECT_EQ(root_.Read("out/copy"), ReadAsRoot(source)) << source;
+    return VESLC_ERR_NONE;
+  }
+
+  std::string ReadAsRoot(const std::string& path) const {
+    return root_.Read(path.substr(root_.path().size() + 1));
+  }
+};
+
+TEST_F(ConfinedOpenTest, SharePathsResolveBeneathTheirRootWithTheUsersRights) {
+  const std::string home = Path("homes/alice");
+  const RequestUser alice{kAlice, false}, admin{kBob, true};
+  const struct {
+    std::string path;  // as the plug-in joins it: the share's folder and the rest
+    RequestUser user;
+    int error;  // of the confined open; 0 when it opens
+  } cases[] = {
+      {home + "/doc.txt", alice, 0},
+      {home + "//dir/./file", alice, 0},
+      {Path("public/readme"), alice, 0},
+      {Path("public/secret"), alice, EACCES},
+      {Path("public/secret"), admin, 0},
+      {home + "/stash/file", alice, EACCES},
+      {Path("homes/bob/private"), alice, EACCES},
+      // "/home/../../etc/larkpost.json", "/public/../../../proc/self/environ"
+      {home + "/../../etc/larkpost.json", admin, EXDEV},
+      {home + "/../bob/private", admin, EXDEV},
+      {Path("public") + "/../../../proc/self/environ", admin, EXDEV},
+      {Path("public") + "/../vault/file", alice, EXDEV},
+      // Links are never followed, not even to a folder in the same home.
+      {home + "/to-dir/file", alice, ELOOP},
+      {home + "/to-dir/file", admin, ELOOP},
+      {home + "/to-doc", admin, ELOOP},
+      // Beneath no folder that is read from.
+      {"/etc/passwd", admin, EACCES},
+      {Path("vault/file"), admin, EACCES},
+      {Path("etc/larkpost.json"), admin, EACCES},
+      {"public/readme", admin, EACCES},
+  };
+  for (const auto& c : cases) {
+    const std::string what = c.path + (c.user.is_admin ? " (admin)" : " (alice)");
+    SetRequestUser(c.user);
+    errno = 0;
+    const int fd = OpenBeneathRoot(c.path, O_RDONLY);
+    EXPECT_EQ(fd < 0 ? errno : 0, c.error) << what;
+    if (fd >= 0) close(fd);
+    EXPECT_EQ(Copy(c.path, c.user), unsigned{c.error == 0 ? VESLC_ERR_NONE : VESLC_ERR_ACCESS})
+        << what;
+  }
+  // A host process keeps its own rights after reading with the user's.
+  EXPECT_EQ(access(Path("vault/file").c_str(), R_OK), 0);
+  EXPECT_EQ(setfsuid(static_cast<uid_t>(-1)), 0);
+}
+
+// The readability test and the copy used to be two lookups of one path: a
+// folder swapped for a link (or another folder) between them had root copy
+// what the user could not read. Now the copy is its own test.
+TEST_F(ConfinedOpenTest, AFolderSwappedAfterTheTestGivesNothingAway) {
+  const std::string source = Path("homes/alice/dir/file");
+  ASSERT_EQ(seteuid(kAlice), 0);
+  const int tested = faccessat(AT_FDCWD, source.c_str(), R_OK, AT_EACCESS);
+  ASSERT_EQ(seteuid(0), 0);
+  ASSERT_EQ(tested, 0) << "what the plug-in tests first, as the user";
+  const std::string dir = Path("homes/alice/dir");
+  ASSERT_EQ(rename(dir.c_str(), (dir + ".old").c_str()), 0);
+  for (const auto& [what, swap] : std::vector<std::pair<std::string, std::function<int()>>>{
+           {"link out of the home", [&] { return symlink(Path("vault").c_str(), dir.c_str()); }},
+           {"link in the home", [&] { return symlink("stash", dir.c_str()); }},
+           {"root's folder",
+            [&] { return rename(Path("homes/alice/stash").c_str(), dir.c_str()); }},
+       }) {
+    ASSERT_EQ(swap(), 0) << what;
+    EXPECT_EQ(Copy(source, {kAlice, false}), unsigned{VESLC_ERR_ACCESS}) << what;
+    if (what == "root's folder") {
+      rename(dir.c_str(), Path("homes/alice/stash").c_str());
+    } else {
+      unlink(dir.c_str());
+    }
   }
 }
 

@@ -1,6 +1,7 @@
 // The platform programs as the plug-in runs them: convert-thumb with the
-// plug-in's two argument vectors, zip with each form of naming, both read
-// back with the libraries that understand their output.
+// plug-in's two argument vectors, for a user, on files in that user's
+// application folder; zip with each form of naming; both read back with the
+// libraries that understand their output.
 #include <archive.h>
 #include <archive_entry.h>
 #include <fcntl.h>
@@ -21,6 +22,7 @@
 #include <utility>
 #include <vector>
 
+#include "appliance/system/appliance.h"
 #include "tests/system/temp_root.h"
 
 extern char** environ;
@@ -35,12 +37,24 @@ std::string ReadFile(const std::string& path) {
   return text.str();
 }
 
+constexpr uint32_t kUser = 1026;
+
 class ProgramsTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() { MagickWandGenesis(); }
   static void TearDownTestSuite() { MagickWandTerminus(); }
 
+  // The file services tell a program whose request it serves.
+  ProgramsTest() { setenv("LARKPOST_REQUEST_USER", std::to_string(kUser).c_str(), 1); }
+  ~ProgramsTest() override { unsetenv("LARKPOST_REQUEST_USER"); }
+
   std::string Path(const std::string& name) const { return root_.path() + "/" + name; }
+  // In the request user's application folder, where the webmail converts.
+  std::string Image(const std::string& name) const {
+    const std::string path = larkpost::appliance::UserDir(kUser) + "/.ORNIC/" + name;
+    fs::create_directories(fs::path(path).parent_path());
+    return path;
+  }
 
   struct Outcome {
     int status = -1;  // the exit status; -1 when the program did not exit
@@ -150,9 +164,9 @@ TEST_F(ProgramsTest, ThumbnailsAreJpegsWithinTheBoxAndNeverEnlarged) {
       {"small.gif", 100, 50, 100, 50},
   };
   for (const auto& c : cases) {
-    MakeImage(Path(c.source), c.width, c.height);
-    const std::string preview = Path(std::string(c.source) + ".preview.jpg");
-    const Outcome outcome = Run(CONVERT_THUMB, ThumbnailArgs(Path(c.source), preview));
+    MakeImage(Image(c.source), c.width, c.height);
+    const std::string preview = Image(std::string(c.source) + ".preview.jpg");
+    const Outcome outcome = Run(CONVERT_THUMB, ThumbnailArgs(Image(c.source), preview));
     ASSERT_EQ(outcome.status, 0) << c.source << ": " << outcome.errors;
     EXPECT_EQ(ReadFile(preview).substr(0, 3), "\xFF\xD8\xFF") << c.source;
     const Picture thumb = ReadImage(preview);
@@ -164,17 +178,17 @@ TEST_F(ProgramsTest, ThumbnailsAreJpegsWithinTheBoxAndNeverEnlarged) {
 }
 
 TEST_F(ProgramsTest, AutoOrientTurnsARotatedPhotoUpright) {
-  MakeImage(Path("plain.jpg"), 40, 20);
+  MakeImage(Image("plain.jpg"), 40, 20);
   // Orientation 6: to be seen upright, the picture turns 90 degrees
   // clockwise, and red, now at the top, ends up on the right.
-  std::ofstream(Path("rotated.jpg"), std::ios::binary)
-      << WithExifOrientation(ReadFile(Path("plain.jpg")), 6);
-  ASSERT_EQ(ReadImage(Path("rotated.jpg")).orientation, RightTopOrientation);
+  std::ofstream(Image("rotated.jpg"), std::ios::binary)
+      << WithExifOrientation(ReadFile(Image("plain.jpg")), 6);
+  ASSERT_EQ(ReadImage(Image("rotated.jpg")).orientation, RightTopOrientation);
   // The upload's vector writes to a name without an extension: the format
   // stays the source's.
-  for (const auto& args :
-       {std::vector<std::string>{Path("rotated.jpg"), "-auto-orient", Path("attachment_AbCd1234")},
-        ThumbnailArgs(Path("rotated.jpg"), Path("thumb.jpg"))}) {
+  for (const auto& args : {std::vector<std::string>{Image("rotated.jpg"), "-auto-orient",
+                                                    Image("attachment_AbCd1234")},
+                           ThumbnailArgs(Image("rotated.jpg"), Image("thumb.jpg"))}) {
     const Outcome outcome = Run(CONVERT_THUMB, args);
     ASSERT_EQ(outcome.status, 0) << outcome.errors;
     const Picture upright = ReadImage(args.back());
@@ -189,22 +203,77 @@ TEST_F(ProgramsTest, AutoOrientTurnsARotatedPhotoUpright) {
 }
 
 TEST_F(ProgramsTest, ConversionFailuresSayWhyAndLeaveNoFile) {
-  std::ofstream(Path("text.jpg")) << "not a picture at all";
-  MakeImage(Path("ok.jpg"), 10, 10);
+  std::ofstream(Image("text.jpg")) << "not a picture at all";
+  MakeImage(Image("ok.jpg"), 10, 10);
   const std::vector<std::string> cases[] = {
-      {Path("missing.jpg"), "-auto-orient", Path("out/a")},
-      ThumbnailArgs(Path("text.jpg"), Path("out/b.jpg")),
-      {"gradient:red-blue", "-auto-orient", Path("out/c.jpg")},  // a coder, not a file
-      {Path("ok.jpg"), "-auto-orient", "msl:" + Path("out/d")},  // a coder, not a file
-      {Path("ok.jpg")},
+      {Image("missing.jpg"), "-auto-orient", Image("out/a")},
+      ThumbnailArgs(Image("text.jpg"), Image("out/b.jpg")),
+      {"gradient:red-blue", "-auto-orient", Image("out/c.jpg")},   // a coder, not a file
+      {Image("ok.jpg"), "-auto-orient", "msl:" + Image("out/d")},  // a coder, not a file
+      {Image("ok.jpg")},
   };
-  fs::create_directory(Path("out"));
+  fs::create_directory(Image("out"));
   for (const auto& args : cases) {
     const Outcome outcome = Run(CONVERT_THUMB, args);
     EXPECT_EQ(outcome.status, 1) << args.back();
     EXPECT_EQ(outcome.errors.rfind("convert-thumb: ", 0), 0u) << outcome.errors;
-    EXPECT_TRUE(fs::is_empty(Path("out"))) << args.back();
+    EXPECT_TRUE(fs::is_empty(Image("out"))) << args.back();
   }
+}
+
+// Content from mail: only the raster formats are decoded, recognised by
+// their bytes whatever the name says, and only files beneath the request
+// user's folders are read, never through a link.
+TEST_F(ProgramsTest, ReadsOnlyRasterImagesBeneathTheUsersFolders) {
+  MakeImage(Path("secret.png"), 8, 8);  // below the data root, in no folder of the user's
+  MakeImage(Image("@tmp/real.png"), 8, 8);
+  fs::create_symlink(Image("@tmp/real.png"), Image("@tmp/link.png"));
+  const std::string secret = Path("secret.png");
+  const std::string svg =
+      "<svg xmlns='http://www.w3.org/2000/svg' "
+      "xmlns:xlink='http://www.w3.org/1999/xlink' width='8' height='8'>"
+      "<image xlink:href='" +
+      secret + "' width='8' height='8'/></svg>";
+  const std::string mvg = "push graphic-context\nviewbox 0 0 8 8\nimage over 0,0 8,8 '" + secret +
+                          "'\npop graphic-context\n";
+  const struct {
+    std::string what, content, source;
+    bool user_known;
+    int status;
+  } cases[] = {
+      {"png", "", Image("@tmp/real.png"), true, 0},
+      {"svg", svg, "", true, 1},
+      {"mvg", mvg, "", true, 1},
+      {"text", "text:" + secret, "", true, 1},
+      {"tiff", std::string("II*\0\x08\0\0\0", 8), "", true, 1},
+      {"a link", "", Image("@tmp/link.png"), true, 1},
+      {"no folder of the user's", "", secret, true, 1},
+      {"out of the folder", "", Image("@tmp/../../../../secret.png"), true, 1},
+      {"whose request?", "", Image("@tmp/real.png"), false, 1},
+  };
+  for (const auto& c : cases) {
+    std::string source = c.source;
+    if (source.empty()) {
+      source = Image("@tmp/attachment_" + c.what + ".png");
+      std::ofstream(source, std::ios::binary) << c.content;
+    }
+    if (!c.user_known) unsetenv("LARKPOST_REQUEST_USER");
+    const std::string preview = Image("@image/preview.jpg");
+    const Outcome outcome = Run(CONVERT_THUMB, ThumbnailArgs(source, preview));
+    setenv("LARKPOST_REQUEST_USER", std::to_string(kUser).c_str(), 1);
+    EXPECT_EQ(outcome.status, c.status) << c.what << ": " << outcome.errors;
+    if (c.status == 0) {
+      EXPECT_EQ(ReadImage(preview).format, "JPEG");
+    } else {
+      EXPECT_EQ(outcome.errors.rfind("convert-thumb: ", 0), 0u) << outcome.errors;
+      EXPECT_TRUE(fs::is_empty(Image("@image"))) << c.what;
+    }
+    fs::remove(preview);
+  }
+  // Written only into a folder of the user's.
+  const Outcome outside = Run(CONVERT_THUMB, ThumbnailArgs(Image("@tmp/real.png"), Path("x.jpg")));
+  EXPECT_EQ(outside.status, 1);
+  EXPECT_FALSE(fs::exists(Path("x.jpg")));
 }
 
 // --------------------------------------------------------------------- zip
