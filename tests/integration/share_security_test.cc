@@ -51,6 +51,7 @@ class ShareSecurityTest : public ::testing::Test {
         Http(server_->url("/webapi/auth.cgi"), {{"account", account}, {"passwd", "secret"}}, true);
     EXPECT_TRUE(login.json["success"].asBool()) << login.body;
     const std::string sid = login.json["data"]["sid"].asString();
+    tokens_[sid] = login.json["data"]["token"].asString();
     // The first call of a session makes the user's store.
     EXPECT_TRUE(Call(sid, "ZEVO.Larkpost.Info", "getinfo", {}).json["success"].asBool());
     return sid;
@@ -58,6 +59,7 @@ class ShareSecurityTest : public ::testing::Test {
   HttpAnswer Call(const std::string& sid, const std::string& api, const std::string& method,
                   std::map<std::string, std::string> form, bool post = true) {
     form.insert({{"api", api}, {"version", "1"}, {"method", method}, {"_sid", sid}});
+    form.insert({"_token", tokens_[sid]});
     return Http(server_->url("/webapi/entry.cgi"), form, post);
   }
 
@@ -75,6 +77,7 @@ class ShareSecurityTest : public ::testing::Test {
   DataRoot root_;
   uint32_t ann_ = 0;
   std::unique_ptr<Server> server_;
+  std::map<std::string, std::string> tokens_;  // session id -> its token
 };
 
 TEST_F(ShareSecurityTest, UploadVexReadsOnlyBeneathTheShareAndNeverThroughALink) {
@@ -143,7 +146,7 @@ TEST_F(ShareSecurityTest, ADrawingCalledPngGetsNoPreviewAndLeavesNoCopy) {
       root_.path() + "/mail/" + std::to_string(ann_) + "/.ORNIC/@tmp/" + left[0];
   HttpAnswer upload = HttpUpload(server_->url("/webapi/entry.cgi?api=ZEVO.Larkpost.Attachment&"
                                               "version=1&method=upload&_sid=" +
-                                              sid),
+                                              sid + "&_token=" + tokens_[sid]),
                                  {}, {{"upload", "a.txt", "text"}});
   ASSERT_TRUE(upload.json["success"].asBool()) << upload.body;
   EXPECT_TRUE(fs::exists(stray)) << "a file in flight is never swept";
@@ -151,7 +154,7 @@ TEST_F(ShareSecurityTest, ADrawingCalledPngGetsNoPreviewAndLeavesNoCopy) {
   ASSERT_EQ(utimes(stray.c_str(), hour_ago), 0);
   upload = HttpUpload(server_->url("/webapi/entry.cgi?api=ZEVO.Larkpost.Attachment&"
                                    "version=1&method=upload&_sid=" +
-                                   sid),
+                                   sid + "&_token=" + tokens_[sid]),
                       {}, {{"upload", "b.txt", "text"}});
   ASSERT_TRUE(upload.json["success"].asBool()) << upload.body;
   EXPECT_FALSE(fs::exists(stray));
