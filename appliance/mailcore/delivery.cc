@@ -102,12 +102,13 @@ void Store(Database& db, int id, const Outcome& outcome, const NewMessage& messa
 
 Delivered DeliverMessage(control::Controller& controller, const NewMessage& message) {
   Delivered delivered;
-  delivered.id = InsertMessageThen(controller, message, [&](Database& db, int id) {
+  bool discarded = false;
+  const int id = InsertMessageThen(controller, message, [&](Database& db, int stored) {
     const std::vector<record::Filter> filters = LoadFilters(db);
     if (filters.empty()) return;
     std::vector<const record::ConditionSet*> sets;
     for (const record::Filter& filter : filters) sets.push_back(&filter.condition);
-    const std::vector<bool> meets = MessageMeets(db, id, sets);
+    const std::vector<bool> meets = MessageMeets(db, stored, sets);
     Outcome outcome;
     outcome.mailbox_id = message.mailbox_id;
     outcome.read = message.read;
@@ -124,10 +125,10 @@ Delivered DeliverMessage(control::Controller& controller, const NewMessage& mess
         Apply(action, &outcome, &delivered);
       }
     }
-    Store(db, id, outcome, message);
-    if (outcome.discard) delivered.id = -1;
+    Store(db, stored, outcome, message);
+    discarded = outcome.discard;
   });
-  if (delivered.id < 0) delivered.id = 0;
+  delivered.id = discarded ? 0 : id;
   return delivered;
 }
 
