@@ -149,6 +149,50 @@ TEST(ActionTest, IsValidWhenTheKindHasWhatItNeeds) {
   }
 }
 
+TEST(FilterTextTest, SetsRoundTripExactlyAndOddTextsAreRefused) {
+  record::ConditionSet conditions;
+  conditions.AddCondition(constant::kConditionFrom, "Zo\xc3\xab \"Q\" <z@example.org>\\", true);
+  conditions.AddCondition(constant::kConditionLarger, "1000", false);
+  conditions.match_any = true;
+  record::ActionSet actions;
+  for (auto [kind, value] : {std::pair{constant::kActionMoveTo, "Work/&AMk-t&AOk-"},
+                             {constant::kActionSetRead, "true"},
+                             {constant::kActionDelete, ""}}) {
+    record::Action action;
+    action.kind = kind;
+    action.value = value;
+    actions.AddAction(action);
+  }
+  const std::string condition_text = conditions.GetSerializedString();
+  const std::string action_text = actions.GetSerializedString();
+  EXPECT_EQ(condition_text,
+            "{\"condition\":[[2,\"Zo\xc3\xab \\\"Q\\\" <z@example.org>\\\\\",true],"
+            "[7,\"1000\",false]],\"match_any\":true}");
+  EXPECT_EQ(action_text, R"({"action":[[5,"Work/&AMk-t&AOk-"],[2,"true"],[8,""]]})");
+
+  record::ConditionSet conditions_read;
+  record::ActionSet actions_read;
+  ASSERT_TRUE(record::ConditionSet::ParseSerializedString(condition_text, &conditions_read));
+  ASSERT_TRUE(record::ActionSet::ParseSerializedString(action_text, &actions_read));
+  EXPECT_EQ(conditions_read.GetSerializedString(), condition_text);
+  EXPECT_EQ(actions_read.GetSerializedString(), action_text);
+  EXPECT_EQ(conditions_read.conditions[0].name, "from");
+  EXPECT_TRUE(conditions_read.match_any);
+  EXPECT_EQ(actions_read.actions[1].name, "set_read");
+
+  for (const char* text :
+       {"", "[]", R"({"condition":[]})", R"({"condition":[[15,"x",false]],"match_any":false})",
+        R"({"condition":[[2,"x"]],"match_any":false})",
+        R"({"condition":[],"match_any":false,"more":1})"}) {
+    EXPECT_FALSE(record::ConditionSet::ParseSerializedString(text, &conditions_read)) << text;
+  }
+  for (const char* text : {R"({"action":[[0,""]]})", R"({"action":[[10,""]]})",
+                           R"({"action":[[1,1]]})", R"({"action":{}})"}) {
+    EXPECT_FALSE(record::ActionSet::ParseSerializedString(text, &actions_read)) << text;
+  }
+  EXPECT_EQ(actions_read.GetSerializedString(), action_text);  // left as it was
+}
+
 TEST(ValidatorTest, NumbersAndStrings) {
   EXPECT_TRUE(apivalidator::IntGreaterZero(1) && !apivalidator::IntGreaterZero(0));
   EXPECT_TRUE(apivalidator::IntGreaterEqualZero(0) && !apivalidator::IntGreaterEqualZero(-1));

@@ -133,8 +133,20 @@ TEST_F(FilterParserTest, ActionsLookLabelsAndMailboxesUpByTheirIds) {
   EXPECT_THAT(Actions(rule), ElementsAre("7:"));
 }
 
+TEST_F(FilterParserTest, IdsInNumericTextAreReadAsTheBrowserSendsThem) {
+  EXPECT_THAT(Actions(R"([{"name": "set_label", "value": "7"}, {"name": "move_to", "value": "5"},
+                          {"name": "remove_label", "value": "-7"}])"),
+              ElementsAre("4:work-7f3a", "5:Projects/&AMk-t&AOk-"));
+  EXPECT_THAT(fake::CallsStartingWith("LabelControl::Get"),
+              ElementsAre("LabelControl::Get [7] false", "LabelControl::Get [-7] false"));
+}
+
 TEST_F(FilterParserTest, ValuesOfAnUnusableTypeRaiseTheJsonError) {
-  EXPECT_THROW(Actions(R"([{"name": "set_label", "value": "seven"}])"), Json::Exception);
+  for (const char* text : {"seven", "", "5.0", " 5", "+5", "5x", "2147483648"}) {
+    Json::Value rule = J(R"([{"name": "set_label"}])");
+    rule[0]["value"] = text;
+    EXPECT_THROW(Actions(ZEVO::WebAPIUtil::ToString(rule)), Json::Exception) << text;
+  }
   EXPECT_THROW(Actions(R"([{"name": "move_to", "value": {"id": 5}}])"), Json::Exception);
   EXPECT_THROW(Conditions(J(R"([{"name": "from", "value": {"text": "ann"}}])")), Json::Exception);
 }
