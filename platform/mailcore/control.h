@@ -69,6 +69,13 @@ struct MessageConfig {
   ConfigField<int32_t> draft_type;  // 0 new, 1 reply, 2 reply to all, 3 forward
 };
 
+// A filter rule to create or change: the sets that are set replace the
+// stored ones.
+struct FilterConfig {
+  ConfigField<record::ConditionSet> condition;
+  ConfigField<record::ActionSet> action;
+};
+
 // A temporary attachment to register.
 struct AttachmentConfig {
   ConfigField<std::string> name;  // the file name shown to the user
@@ -228,6 +235,35 @@ class ZEVO_PLATFORM_API LabelControl {
   std::vector<record::Label> Get(const std::vector<int>& ids, bool unread);
   // Every label, by name.
   std::vector<record::Label> List(bool unread);
+
+ private:
+  Controller& controller_;
+};
+
+// The user's filter rules, in the order in which delivery applies them.
+// A filter is refused (0 or false, nothing changed) when it would have no
+// action, an action that is not valid, a move_to path that names no mailbox
+// (or the virtual starred one) or a label key that names no label. An empty
+// condition set is a rule for every message.
+class ZEVO_PLATFORM_API FilterControl {
+ public:
+  explicit FilterControl(Controller& controller);
+
+  // Every filter, in evaluation order; actions with their mailbox and label
+  // filled in.
+  std::vector<record::Filter> List();
+  // The filters of `ids` that exist, in evaluation order.
+  std::vector<record::Filter> Get(const std::vector<int>& ids);
+  // The new filter's id, last in the order; 0 when refused. Both sets must
+  // be set.
+  int Create(const FilterConfig& config);
+  // Replaces the sets that are set. False when `id` is unknown or refused.
+  bool Modify(int id, const FilterConfig& config);
+  // False when an id is unknown (then none is deleted).
+  bool Delete(const std::vector<int>& ids);
+  // `ids` become the evaluation order. False, and the order unchanged, when
+  // they are not exactly the user's filter ids, each once.
+  bool SetOrder(const std::vector<int>& ids);
 
  private:
   Controller& controller_;

@@ -148,10 +148,23 @@ struct ZEVO_PLATFORM_API Condition {
   bool negate = false;
 };
 
+// The serialised forms of ConditionSet and ActionSet are what filters are
+// stored as and what the background service is sent: compact JSON, UTF-8
+// kept as it is, members in the order of their names:
+//   {"condition":[[2,"ann@example.org",false],[7,"1000",false]],"match_any":false}
+//   {"action":[[5,"Work"],[2,"true"]]}
+// each condition being [key, value, negate] and each action [kind, value].
+// Parsing a serialised text and serialising the result gives the same text
+// back, byte for byte.
 class ZEVO_PLATFORM_API ConditionSet {
  public:
   // Appends a condition; its keyword name follows from `key`.
   void AddCondition(constant::ConditionKey key, const std::string& value, bool negate);
+  std::string GetSerializedString() const;
+  // Replaces `*out` with the set that `text` describes. False (and `*out`
+  // unchanged) when the text is not such a set or names a key outside
+  // constant::ConditionKey.
+  static bool ParseSerializedString(const std::string& text, ConditionSet* out);
 
   std::vector<Condition> conditions;
   bool match_any = false;  // false: a message meets every condition; true: any
@@ -161,18 +174,46 @@ class ZEVO_PLATFORM_API Action {
  public:
   // A kind, and for set_label / remove_label / move_to a non-empty text;
   // redirect needs a text that looks like an address (local part "@"
-  // domain); set_read and set_star need "true" or "false".
+  // domain); set_read and set_star need "true" or "false". Whether a label
+  // key or a mailbox path names one that exists is the store's to check
+  // (FilterControl refuses a filter whose action names none).
   bool IsValid() const;
 
   constant::ActionKind kind = constant::kActionNone;
+  std::string name;  // the keyword ("move_to"), filled in by ActionSet::AddAction
+  // set_read / set_star: "true" or "false"; set_label / remove_label: the
+  // label's key text; move_to: the mailbox's raw path; redirect: the
+  // address; empty for the others.
   std::string value;
+  // Filled in by FilterControl when it reads a stored filter: the mailbox
+  // that a move_to names and the label that a set_label or remove_label
+  // names (not valid / id 0 when it no longer exists).
+  Mailbox mailbox;
+  Label label;
 };
 
 class ZEVO_PLATFORM_API ActionSet {
  public:
+  // Appends the action, its keyword name set from its kind.
   void AddAction(Action action);
+  std::string GetSerializedString() const;
+  // As ConditionSet::ParseSerializedString; a kind outside
+  // constant::ActionKind, or kActionNone, is refused.
+  static bool ParseSerializedString(const std::string& text, ActionSet* out);
 
   std::vector<Action> actions;
+};
+
+// A stored filter rule. Not valid: id 0 (none was found), no action, or an
+// action that is not valid.
+class ZEVO_PLATFORM_API Filter {
+ public:
+  virtual ~Filter() = default;
+  virtual bool IsValid() const;
+
+  int32_t id = 0;
+  ConditionSet condition;
+  ActionSet action;
 };
 
 }  // namespace ornic::larkpost::record

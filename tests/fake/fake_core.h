@@ -33,10 +33,17 @@ struct Core {
   std::map<int, std::string> originals;  // MessageControl::OriginalContent
   std::vector<ornic::larkpost::record::Mailbox> mailboxes;
   std::vector<ornic::larkpost::record::Label> labels;
+  // The user's filters in evaluation order; FilterControl::Get answers
+  // those asked for in this order.
+  std::vector<ornic::larkpost::record::Filter> filters;
+  // What rpc::ExecuteBatchTask returns, and rpc::GetTaskStatus (the
+  // serialised status answer).
+  std::string task_key = "task-key-1";
+  std::string task_status;
   // Every thread that a search matches, in order; Search pages them.
   std::vector<int> search_result;
-  // What MailboxControl::Create, LabelControl::Create and
-  // MessageControl::CreateDraft return.
+  // What MailboxControl::Create, LabelControl::Create,
+  // FilterControl::Create and MessageControl::CreateDraft return.
   int next_id = 100;
   // What MessageControl::Send returns: the id of the sent copy.
   int sent_id = 200;

@@ -1,6 +1,13 @@
 #include "platform/mailcore/record.h"
 
+#include <json/reader.h>
+#include <json/value.h>
+#include <json/writer.h>
+
 #include <algorithm>
+#include <initializer_list>
+#include <memory>
+#include <sstream>
 #include <string>
 #include <string_view>
 
@@ -43,6 +50,64 @@ const char* ConditionName(constant::ConditionKey key) {
       return "label";
   }
   return "";  // a number from outside the enumeration
+}
+
+const char* ActionName(constant::ActionKind kind) {
+  switch (kind) {
+    case constant::kActionArchive:
+      return "archive";
+    case constant::kActionSetRead:
+      return "set_read";
+    case constant::kActionSetStar:
+      return "set_star";
+    case constant::kActionSetLabel:
+      return "set_label";
+    case constant::kActionMoveTo:
+      return "move_to";
+    case constant::kActionRedirect:
+      return "redirect";
+    case constant::kActionTrash:
+      return "trash";
+    case constant::kActionDelete:
+      return "delete";
+    case constant::kActionRemoveLabel:
+      return "remove_label";
+    case constant::kActionNone:
+      break;
+  }
+  return "";
+}
+
+// Compact, members sorted by key, UTF-8 written as it is: one value has one
+// text, which is what makes the serialised sets round-trip.
+std::string WriteCompact(const Json::Value& value) {
+  static const std::unique_ptr<Json::StreamWriter> writer = [] {
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    builder["emitUTF8"] = true;
+    return std::unique_ptr<Json::StreamWriter>(builder.newStreamWriter());
+  }();
+  std::ostringstream out;
+  writer->write(value, &out);
+  return out.str();
+}
+
+// `text` as an object with exactly the members `members`, each an array of
+// arrays; false when it is anything else.
+bool ReadSet(const std::string& text, std::initializer_list<const char*> members,
+             Json::Value* value) {
+  static const std::unique_ptr<Json::CharReader> reader = [] {
+    Json::CharReaderBuilder builder;
+    Json::CharReaderBuilder::strictMode(&builder.settings_);
+    return std::unique_ptr<Json::CharReader>(builder.newCharReader());
+  }();
+  std::string errors;
+  if (!reader->parse(text.data(), text.data() + text.size(), value, &errors)) return false;
+  if (!value->isObject() || value->size() != members.size()) return false;
+  for (const char* member : members) {
+    if (!value->isMember(member)) return false;
+  }
+  return true;
 }
 
 bool IsAddressByte(unsigned char c) {
@@ -139,6 +204,78 @@ bool Action::IsValid() const {
   return false;  // a number from outside the enumeration
 }
 
-void ActionSet::AddAction(Action action) { actions.push_back(std::move(action)); }
+std::string ConditionSet::GetSerializedString() const {
+  Json::Value set(Json::objectValue);
+  set["match_any"] = match_any;
+  Json::Value& list = set["condition"] = Json::Value(Json::arrayValue);
+  for (const Condition& condition : conditions) {
+    Json::Value entry(Json::arrayValue);
+    entry.append(static_cast<int>(condition.key));
+    entry.append(condition.value);
+    entry.append(condition.negate);
+    list.append(entry);
+  }
+  return WriteCompact(set);
+}
+
+bool ConditionSet::ParseSerializedString(const std::string& text, ConditionSet* out) {
+  Json::Value set;
+  if (!ReadSet(text, {"condition", "match_any"}, &set)) return false;
+  if (!set["match_any"].isBool() || !set["condition"].isArray()) return false;
+  ConditionSet parsed;
+  parsed.match_any = set["match_any"].asBool();
+  for (const Json::Value& entry : set["condition"]) {
+    if (!entry.isArray() || entry.size() != 3 || !entry[0].isInt() || !entry[1].isString() ||
+        !entry[2].isBool()) {
+      return false;
+    }
+    const auto key = static_cast<constant::ConditionKey>(entry[0].asInt());
+    if (*ConditionName(key) == '\0') return false;
+    parsed.AddCondition(key, entry[1].asString(), entry[2].asBool());
+  }
+  *out = std::move(parsed);
+  return true;
+}
+
+void ActionSet::AddAction(Action action) {
+  action.name = ActionName(action.kind);
+  actions.push_back(std::move(action));
+}
+
+std::string ActionSet::GetSerializedString() const {
+  Json::Value set(Json::objectValue);
+  Json::Value& list = set["action"] = Json::Value(Json::arrayValue);
+  for (const Action& action : actions) {
+    Json::Value entry(Json::arrayValue);
+    entry.append(static_cast<int>(action.kind));
+    entry.append(action.value);
+    list.append(entry);
+  }
+  return WriteCompact(set);
+}
+
+bool ActionSet::ParseSerializedString(const std::string& text, ActionSet* out) {
+  Json::Value set;
+  if (!ReadSet(text, {"action"}, &set) || !set["action"].isArray()) return false;
+  ActionSet parsed;
+  for (const Json::Value& entry : set["action"]) {
+    if (!entry.isArray() || entry.size() != 2 || !entry[0].isInt() || !entry[1].isString()) {
+      return false;
+    }
+    Action action;
+    action.kind = static_cast<constant::ActionKind>(entry[0].asInt());
+    if (*ActionName(action.kind) == '\0') return false;
+    action.value = entry[1].asString();
+    parsed.AddAction(std::move(action));
+  }
+  *out = std::move(parsed);
+  return true;
+}
+
+bool Filter::IsValid() const {
+  if (id <= 0 || action.actions.empty()) return false;
+  return std::all_of(action.actions.begin(), action.actions.end(),
+                     [](const Action& entry) { return entry.IsValid(); });
+}
 
 }  // namespace ornic::larkpost::record
