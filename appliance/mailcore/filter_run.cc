@@ -49,8 +49,8 @@ uint32_t FilterRun::Prepare(uint32_t uid) {
   std::string where = "m.type <> 1";
   int64_t mailbox = 0;
   for (const record::Condition& condition : conditions_.conditions) {
-    if (conditions_.match_any || condition.key != constant::kConditionMailbox ||
-        condition.negate || !ParseInt64(condition.value, &mailbox)) {
+    if (conditions_.match_any || condition.key != constant::kConditionMailbox || condition.negate ||
+        !ParseInt64(condition.value, &mailbox)) {
       continue;
     }
     where += mailbox == kStarredId ? std::string(" AND ") + kStarredSql
@@ -71,8 +71,8 @@ uint32_t FilterRun::NextBatch(size_t batch_size) {
                          ids_.begin() + static_cast<long>(end));
   Transaction transaction(*db_);
   // Drafts written since the list was made are not examined either.
-  std::vector<int> matched = MatchingMessages(*db_, conditions_.conditions,
-                                              conditions_.match_any, EncodeIdArray(batch));
+  std::vector<int> matched =
+      MatchingMessages(*db_, conditions_.conditions, conditions_.match_any, EncodeIdArray(batch));
   if (!matched.empty()) Apply(*db_, EncodeIdArray(matched));
   transaction.Commit();
   matched_ += matched.size();
@@ -156,9 +156,9 @@ void FilterRun::Apply(Database& db, const std::string& matched) {
   }
   if (remove) {
     TouchThreads(db, matched, now);
-    Statement purge(db, (std::string("DELETE FROM message WHERE ") + kMatched +
-                         " AND mailbox_id = ?2")
-                            .c_str());
+    Statement purge(
+        db,
+        (std::string("DELETE FROM message WHERE ") + kMatched + " AND mailbox_id = ?2").c_str());
     purge.Bind(1, matched).Bind(2, kTrashId);
     purge.Run();
     changed_ += static_cast<uint64_t>(db.Changes());
@@ -181,8 +181,8 @@ std::string FilterRun::Summary() const {
   for (size_t index = 0; index < skipped_.size(); ++index) {
     if (skipped_[index]) skipped += (skipped.empty() ? " " : ",") + std::to_string(index + 1);
   }
-  return "examined " + std::to_string(next_) + " of " + std::to_string(ids_.size()) +
-         ", matched " + std::to_string(matched_) + ", changed " + std::to_string(changed_) +
+  return "examined " + std::to_string(next_) + " of " + std::to_string(ids_.size()) + ", matched " +
+         std::to_string(matched_) + ", changed " + std::to_string(changed_) +
          ", skipped actions:" + (skipped.empty() ? std::string(" none") : skipped);
 }
 

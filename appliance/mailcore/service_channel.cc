@@ -45,10 +45,9 @@ bool ReadAll(int fd, char* data, size_t size) {
 bool WriteFrame(int fd, const std::string& bytes) {
   if (bytes.size() > kMaxFrame) return false;
   uint32_t size = static_cast<uint32_t>(bytes.size());
-  unsigned char header[4] = {static_cast<unsigned char>(size >> 24),
-                             static_cast<unsigned char>(size >> 16),
-                             static_cast<unsigned char>(size >> 8),
-                             static_cast<unsigned char>(size)};
+  unsigned char header[4] = {
+      static_cast<unsigned char>(size >> 24), static_cast<unsigned char>(size >> 16),
+      static_cast<unsigned char>(size >> 8), static_cast<unsigned char>(size)};
   return WriteAll(fd, reinterpret_cast<const char*>(header), sizeof header) &&
          WriteAll(fd, bytes.data(), bytes.size());
 }

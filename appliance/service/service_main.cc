@@ -51,7 +51,8 @@ namespace channel = ornic::larkpost::service;
 // A filter task as the queue runs it.
 class FilterJob : public Job {
  public:
-  FilterJob(uint32_t uid, std::unique_ptr<ornic::larkpost::store::FilterRun> run, std::string origin)
+  FilterJob(uint32_t uid, std::unique_ptr<ornic::larkpost::store::FilterRun> run,
+            std::string origin)
       : uid_(uid), run_(std::move(run)), origin_(std::move(origin)) {}
 
   Outcome Run(const std::atomic<bool>& cancelled, std::atomic<uint32_t>& progress,
@@ -132,21 +133,24 @@ proto::Response Handle(TaskQueue& queue, const proto::Request& request) {
       response.set_code(proto::Response::BAD_REQUEST);
       return response;
     }
-    std::string key = queue.Add(uid, std::make_unique<FilterJob>(uid, std::move(run), add.origin()));
+    std::string key =
+        queue.Add(uid, std::make_unique<FilterJob>(uid, std::move(run), add.origin()));
     if (key.empty()) {
       response.set_code(proto::Response::REFUSED);
       return response;
     }
     response.MutableExtension(proto::AddTaskResponse::add_task)->set_task_key(key);
   } else if (request.HasExtension(proto::GetTaskStatusRequest::get_task_status)) {
-    TaskStatus status =
-        queue.Status(uid, request.GetExtension(proto::GetTaskStatusRequest::get_task_status).task_key());
+    TaskStatus status = queue.Status(
+        uid, request.GetExtension(proto::GetTaskStatusRequest::get_task_status).task_key());
     auto* answer = response.MutableExtension(proto::GetTaskStatusResponse::get_task_status);
     answer->set_status(StatusValue(status.state));
     answer->set_progress(status.progress);
     answer->set_total(status.total);
   } else if (request.HasExtension(proto::CancelTaskRequest::cancel_task)) {
-    queue.Cancel(uid, request.GetExtension(proto::CancelTaskRequest::cancel_task).task_key());
+    bool cancelled =
+        queue.Cancel(uid, request.GetExtension(proto::CancelTaskRequest::cancel_task).task_key());
+    response.MutableExtension(proto::CancelTaskResponse::cancel_task)->set_cancelled(cancelled);
   } else {
     response.set_code(proto::Response::BAD_REQUEST);
   }

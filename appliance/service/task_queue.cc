@@ -30,7 +30,7 @@ TaskStatus TaskQueue::Status(uint32_t uid, const std::string& key) {
   if (task != tasks_.end() && task->second->uid == uid) {
     const Task& t = *task->second;
     // A cancelled task reads so at once, though it may finish its batch.
-    TaskState state = t.cancelled  ? TaskState::kCancelled
+    TaskState state = t.cancelled ? TaskState::kCancelled
                       : t.running ? TaskState::kRunning
                                   : TaskState::kWaiting;
     return {state, t.progress.load(), t.total.load()};
@@ -96,7 +96,7 @@ bool TaskQueue::RunNext(const std::function<void(uint32_t, const std::string&, c
   } catch (const std::exception& e) {
     outcome = {true, e.what()};
   }
-  const TaskState state = outcome.failed      ? TaskState::kFailed
+  const TaskState state = outcome.failed    ? TaskState::kFailed
                           : task->cancelled ? TaskState::kCancelled
                                             : TaskState::kFinished;
   ended(task->uid, key, *task->job, state, outcome);

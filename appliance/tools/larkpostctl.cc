@@ -5,10 +5,10 @@
 // Commands are rows of kCommands; each gets the words after its name.
 #include <errno.h>
 #include <limits.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <signal.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -206,8 +206,7 @@ volatile sig_atomic_t g_supervisor_stop = 0;
 // once exec'd) does.
 void StartService(const std::string& program) {
   if (!Exists(program)) {
-    std::cerr << "larkpostctl: warning: " << program
-              << " is missing; filter tasks will not run\n";
+    std::cerr << "larkpostctl: warning: " << program << " is missing; filter tasks will not run\n";
     return;
   }
   std::cout.flush();
