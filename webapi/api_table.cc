@@ -3,6 +3,7 @@
 #include "webapi/attachment.h"
 #include "webapi/draft.h"
 #include "webapi/entry.h"
+#include "webapi/filter.h"
 #include "webapi/info.h"
 #include "webapi/label.h"
 #include "webapi/mailbox.h"
@@ -12,6 +13,7 @@
 
 using ornic::larkpost::webapi::AttachmentAPI;
 using ornic::larkpost::webapi::DraftAPI;
+using ornic::larkpost::webapi::FilterAPI;
 using ornic::larkpost::webapi::InfoAPI;
 using ornic::larkpost::webapi::LabelAPI;
 using ornic::larkpost::webapi::MailboxAPI;
@@ -76,6 +78,16 @@ LARKPOST_ENTRY(StickerGet_v1, StickerAPI, Get_v1)
 LARKPOST_ENTRY(StickerAdd_v1, StickerAPI, Add_v1)
 LARKPOST_ENTRY(StickerDelete_v1, StickerAPI, Delete_v1)
 
+LARKPOST_ENTRY(FilterList_v1, FilterAPI, List_v1)
+LARKPOST_ENTRY(FilterGet_v1, FilterAPI, Get_v1)
+LARKPOST_ENTRY(FilterSet_v1, FilterAPI, Set_v1)
+LARKPOST_ENTRY(FilterCreate_v1, FilterAPI, Create_v1)
+LARKPOST_ENTRY(FilterDelete_v1, FilterAPI, Delete_v1)
+LARKPOST_ENTRY(FilterSetOrder_v1, FilterAPI, SetOrder_v1)
+LARKPOST_ENTRY(FilterAddTask_v1, FilterAPI, AddTask_v1)
+LARKPOST_ENTRY(FilterGetTaskStatus_v1, FilterAPI, GetTaskStatus_v1)
+LARKPOST_ENTRY(FilterCancelTask_v1, FilterAPI, CancelTask_v1)
+
 #undef LARKPOST_ENTRY
 
 const ZEVO::APITableEntry gTable[kAPITableSize] = {
@@ -128,6 +140,16 @@ const ZEVO::APITableEntry gTable[kAPITableSize] = {
     {"ZEVO.Larkpost.Sticker", 1, "get", StickerGet_v1},
     {"ZEVO.Larkpost.Sticker", 1, "add", StickerAdd_v1},
     {"ZEVO.Larkpost.Sticker", 1, "delete", StickerDelete_v1},
+
+    {"ZEVO.Larkpost.Filter", 1, "list", FilterList_v1},
+    {"ZEVO.Larkpost.Filter", 1, "get", FilterGet_v1},
+    {"ZEVO.Larkpost.Filter", 1, "set", FilterSet_v1},
+    {"ZEVO.Larkpost.Filter", 1, "create", FilterCreate_v1},
+    {"ZEVO.Larkpost.Filter", 1, "delete", FilterDelete_v1},
+    {"ZEVO.Larkpost.Filter", 1, "setorder", FilterSetOrder_v1},
+    {"ZEVO.Larkpost.Filter", 1, "add_task", FilterAddTask_v1},
+    {"ZEVO.Larkpost.Filter", 1, "get_task_status", FilterGetTaskStatus_v1},
+    {"ZEVO.Larkpost.Filter", 1, "cancel_task", FilterCancelTask_v1},
 };
 
 const ZEVO::APITableEntry* GetAPITable() { return gTable; }

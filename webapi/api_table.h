@@ -9,7 +9,7 @@
 
 // The rows in their fixed order; the table has no terminating row (the
 // framework takes its length from the symbol's size).
-inline constexpr size_t kAPITableSize = 42;
+inline constexpr size_t kAPITableSize = 51;
 LARKPOST_EXPORT extern const ZEVO::APITableEntry gTable[kAPITableSize];
 LARKPOST_EXPORT const ZEVO::APITableEntry* GetAPITable();
 
@@ -65,5 +65,15 @@ LARKPOST_ENTRY(StickerList_v1);
 LARKPOST_ENTRY(StickerGet_v1);
 LARKPOST_ENTRY(StickerAdd_v1);
 LARKPOST_ENTRY(StickerDelete_v1);
+
+LARKPOST_ENTRY(FilterList_v1);
+LARKPOST_ENTRY(FilterGet_v1);
+LARKPOST_ENTRY(FilterSet_v1);
+LARKPOST_ENTRY(FilterCreate_v1);
+LARKPOST_ENTRY(FilterDelete_v1);
+LARKPOST_ENTRY(FilterSetOrder_v1);
+LARKPOST_ENTRY(FilterAddTask_v1);
+LARKPOST_ENTRY(FilterGetTaskStatus_v1);
+LARKPOST_ENTRY(FilterCancelTask_v1);
 
 #undef LARKPOST_ENTRY

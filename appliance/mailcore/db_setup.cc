@@ -455,6 +455,19 @@ constexpr Migration kMigrations[] = {
     {5,
      // Uploads that no draft took are dropped after a while (by age).
      "CREATE INDEX attachment_temp_created ON attachment_temp(created);"},
+    {6,
+     // Filter rules, applied at delivery in the order of position (the
+     // user's order). The sets are kept in their serialised text form
+     // (record::ConditionSet / ActionSet::GetSerializedString), the text the
+     // background service is sent too. A move_to names its mailbox by raw
+     // path and a label action its label by key, as the rule was written:
+     // a rule whose mailbox or label goes is kept, and skipped.
+     "CREATE TABLE mail_filter("
+     " id INTEGER PRIMARY KEY AUTOINCREMENT,"
+     " position INTEGER NOT NULL,"
+     " condition_set TEXT NOT NULL,"
+     " action_set TEXT NOT NULL);"
+     "CREATE INDEX mail_filter_position ON mail_filter(position, id);"},
 };
 
 // The triggers of migration 2 name the built-in mailboxes by number.

@@ -239,6 +239,18 @@ std::vector<int> InsertAll(control::Controller& controller, size_t count, Messag
 
 }  // namespace
 
+int InsertMessageThen(control::Controller& controller, const NewMessage& message,
+                      const std::function<void(Database& db, int id)>& then) {
+  Database& db = controller.impl().db();
+  return Guard("storing a new message", [&] {
+    Transaction transaction(db);
+    const int id = Inserter(db).Insert(message);
+    then(db, id);
+    transaction.Commit();
+    return id;
+  });
+}
+
 int InsertMessage(control::Controller& controller, const NewMessage& message) {
   return InsertAll(controller, 1, [&](size_t) -> const NewMessage& { return message; }).at(0);
 }

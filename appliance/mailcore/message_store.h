@@ -3,9 +3,11 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
+#include "appliance/mailcore/controller_impl.h"
 #include "platform/mailcore/controller.h"
 
 namespace ornic::larkpost::store {
@@ -61,6 +63,11 @@ struct NewMessage {
 // Throws ornic::Error(kErrorInvalidArgument) for an unknown or virtual
 // mailbox, ornic::Error(kErrorDatabase) when the store fails.
 int InsertMessage(control::Controller& controller, const NewMessage& message);
+
+// As InsertMessage, then `then(db, id)` in the same transaction, before it
+// commits: what `then` changes is seen with the message, or neither is.
+int InsertMessageThen(control::Controller& controller, const NewMessage& message,
+                      const std::function<void(Database& db, int id)>& then);
 
 // The same for many messages in one transaction (import): all or none.
 std::vector<int> InsertMessages(control::Controller& controller,

@@ -23,6 +23,7 @@
 
 #include "appliance/mailcore/controller_impl.h"
 #include "appliance/mailcore/filter_run.h"
+#include "appliance/mailcore/filter_store.h"
 #include "appliance/mailcore/store_records.h"
 #include "appliance/mailcore/store_text.h"
 #include "platform/mailcore/control.h"
@@ -88,7 +89,10 @@ int Flag(const std::string& value) {
 
 // The SQL test of one condition on message "m"; "0" when the value makes
 // no sense for the key. Sets `*text` when the test needs larkpost_contains.
-std::string ConditionSql(const record::Condition& condition, Query* query, bool* text) {
+// With `one_message`, a full-text test looks at m's own entry only rather
+// than collecting every message that matches.
+std::string ConditionSql(const record::Condition& condition, Query* query, bool* text,
+                         bool one_message = false) {
   int64_t number = 0;
   bool is_number = store::ParseInt64(condition.value, &number);
   int flag = Flag(condition.value);
@@ -124,9 +128,15 @@ std::string ConditionSql(const record::Condition& condition, Query* query, bool*
     case constant::kConditionKeyword: {
       std::string match = store::FullTextQuery(condition.value);
       // No word to look for: like an empty substring, it is in every message.
-      test = match.empty() ? "1"
-                           : "m.id IN (SELECT rowid FROM message_fts WHERE message_fts MATCH " +
-                                 query->Param(match) + ")";
+      if (match.empty()) {
+        test = "1";
+      } else if (one_message) {
+        test = "EXISTS (SELECT 1 FROM message_fts WHERE message_fts MATCH " + query->Param(match) +
+               " AND message_fts.rowid = m.id)";
+      } else {
+        test = "m.id IN (SELECT rowid FROM message_fts WHERE message_fts MATCH " +
+               query->Param(match) + ")";
+      }
       break;
     }
     case constant::kConditionBefore:
@@ -205,6 +215,41 @@ struct KeptList {
 };
 
 }  // namespace
+
+}  // namespace ornic::larkpost::control
+
+namespace ornic::larkpost::store {
+
+std::vector<bool> MessageMeets(Database& db, int id,
+                               const std::vector<const record::ConditionSet*>& sets) {
+  std::vector<bool> meets;
+  if (sets.empty()) return meets;
+  control::Query query;
+  bool text = false;
+  std::string columns;
+  for (const record::ConditionSet* set : sets) {
+    std::string test;
+    for (const record::Condition& condition : set->conditions) {
+      if (!test.empty()) test += set->match_any ? " OR " : " AND ";
+      test += control::ConditionSql(condition, &query, &text, true);
+    }
+    columns += (columns.empty() ? "" : ", ") + (test.empty() ? std::string("1") : "(" + test + ")");
+  }
+  if (text) control::RegisterContains(db);
+  Statement select(
+      db,
+      ("SELECT " + columns + " FROM message m WHERE m.id = " + query.Param(int64_t{id})).c_str());
+  query.BindAll(select);
+  const bool found = select.Step();
+  for (size_t i = 0; i < sets.size(); ++i) {
+    meets.push_back(found && select.Int64(static_cast<int>(i)) != 0);
+  }
+  return meets;
+}
+
+}  // namespace ornic::larkpost::store
+
+namespace ornic::larkpost::control {
 
 SearchControl::SearchControl(Controller& controller) : controller_(controller) {}
 

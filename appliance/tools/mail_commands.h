@@ -6,7 +6,8 @@
 namespace larkpost::tools {
 
 // deliver NAME [--mailbox PATH]: one message from standard input into the
-// inbox or the mailbox PATH; prints the new message's id.
+// inbox or the mailbox PATH, as the user's filters leave it; prints the new
+// message's id (0 when a filter deleted it).
 int Deliver(const Args& args);
 
 // import NAME [--mailbox PATH] SOURCE...: every message of the sources

@@ -58,6 +58,15 @@ const std::tuple<const char*, const char*, ZEVO::APIHandler> kRows[] = {
     {"ZEVO.Larkpost.Sticker", "get", StickerGet_v1},
     {"ZEVO.Larkpost.Sticker", "add", StickerAdd_v1},
     {"ZEVO.Larkpost.Sticker", "delete", StickerDelete_v1},
+    {"ZEVO.Larkpost.Filter", "list", FilterList_v1},
+    {"ZEVO.Larkpost.Filter", "get", FilterGet_v1},
+    {"ZEVO.Larkpost.Filter", "set", FilterSet_v1},
+    {"ZEVO.Larkpost.Filter", "create", FilterCreate_v1},
+    {"ZEVO.Larkpost.Filter", "delete", FilterDelete_v1},
+    {"ZEVO.Larkpost.Filter", "setorder", FilterSetOrder_v1},
+    {"ZEVO.Larkpost.Filter", "add_task", FilterAddTask_v1},
+    {"ZEVO.Larkpost.Filter", "get_task_status", FilterGetTaskStatus_v1},
+    {"ZEVO.Larkpost.Filter", "cancel_task", FilterCancelTask_v1},
 };
 constexpr size_t kRowCount = sizeof(kRows) / sizeof(kRows[0]);
 
