@@ -215,5 +215,23 @@ TEST_F(FilterTaskTest, AServiceKilledMidTaskLeavesNoHalfChangedMessageAndComesBa
   EXPECT_EQ(Changed(), kCount / 3);
 }
 
+TEST_F(FilterTaskTest, ApplyExistRunsTheNewRuleOverTheStoredMail) {
+  Json::Value created =
+      Api("ZEVO.Larkpost.Filter", "create",
+          {{"condition", R"([{"name": "from", "value": "bob"}])"},
+           {"action", R"([{"name": "move_to", "value": ")" + std::to_string(bob_box_) +
+                          R"("}, {"name": "set_read", "value": "true"}])"},
+           {"apply_exist", "true"}});
+  ASSERT_TRUE(created["success"].asBool()) << created;
+  for (auto end = std::chrono::steady_clock::now() + 60s;
+       root_.Lines("log/service.log").empty() && std::chrono::steady_clock::now() < end;) {
+    std::this_thread::sleep_for(10ms);
+  }
+  const std::vector<std::string> log = root_.Lines("log/service.log");
+  ASSERT_EQ(log.size(), 1u);
+  EXPECT_NE(log[0].find(" filter run "), std::string::npos) << log[0];
+  EXPECT_EQ(Changed(), kCount / 3);
+}
+
 }  // namespace
 }  // namespace larkpost::itest
