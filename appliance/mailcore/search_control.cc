@@ -237,8 +237,7 @@ std::vector<bool> MessageMeets(Database& db, int id,
   }
   if (text) control::RegisterContains(db);
   Statement select(
-      db,
-      ("SELECT " + columns + " FROM message m WHERE m.id = " + query.Param(int64_t{id})).c_str());
+      db, ("SELECT " + columns + " FROM message m WHERE m.id = " + std::to_string(id)).c_str());
   query.BindAll(select);
   const bool found = select.Step();
   for (size_t i = 0; i < sets.size(); ++i) {
