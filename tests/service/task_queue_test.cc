@@ -166,13 +166,14 @@ TEST_F(TaskQueueTest, CancelEndsAWaitingTaskAtOnceAndARunningOneAtItsNextStep) {
   job->Release(3);
   auto asked = std::chrono::steady_clock::now();
   EXPECT_TRUE(queue_.Cancel(1, running));
-  // It reads cancelled at once, and is gone well within half a second.
+  // It reads cancelled at once, and its job stops at its next step.
   EXPECT_EQ(queue_.Status(1, running).state, TaskState::kCancelled);
-  for (;;) {
+  for (;; std::this_thread::sleep_for(1ms)) {
     std::lock_guard<std::mutex> lock(ended_mutex_);
     if (!ended_.empty()) break;
   }
-  EXPECT_LT(std::chrono::steady_clock::now() - asked, 500ms);
+  // Only a bound: a sanitised build on a loaded machine is no stopwatch.
+  EXPECT_LT(std::chrono::steady_clock::now() - asked, 5s);
   EXPECT_EQ(ended_, std::vector<std::string>{running + " 4"});
   EXPECT_LT(queue_.Status(1, running).progress, 100u);
   EXPECT_FALSE(queue_.Cancel(1, running));
