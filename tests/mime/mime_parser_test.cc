@@ -487,7 +487,6 @@ TEST(HeaderTest, ParameterValues) {
       {"attachment; filename*=utf-8''x.txt%00.svg", "attachment", "filename", "x.txt"},
       {"attachment; filename=\"=?utf-8?q?caf=C3=A9.txt=00.svg?=\"", "attachment", "filename",
        "café.txt"},
-      {"attachment; filename=\"=?utf-8?b?eC50eHQALnN2Zw==?=\"", "attachment", "filename", "x.txt"},
       {"attachment; filename=\"a=?utf-8?q?b?= =?utf-8?q?c=00d?=.svg\"", "attachment", "filename",
        "abc"},
       {std::string("attachment; filename=\"x.txt\0.svg\"", 33), "attachment", "filename", "x.txt"},
@@ -502,7 +501,6 @@ TEST(HeaderTest, ParameterValues) {
 TEST(HeaderTest, MediaType) {
   const std::pair<std::string, std::string> rows[] = {
       {"Text/HTML; charset=utf-8", "text/html"},
-      {"text", "text/plain"},
       {"text plain", "text/plain"},
       {"text/", "text/plain"},
       {" TEXT ; charset=iso-8859-1", "text/plain"},
