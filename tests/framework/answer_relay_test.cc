@@ -14,7 +14,7 @@ const std::string kHost = kHostHeaders;
 
 // What RelayAnswer makes of `written`, fed through a pipe from another
 // thread (a large body does not fit into a pipe at once).
-std::string Relay(const std::string& written, int64_t* read = nullptr) {
+std::string Relay(const std::string& written) {
   int in[2], out[2];
   EXPECT_EQ(pipe(in), 0);
   EXPECT_EQ(pipe(out), 0);
@@ -31,13 +31,12 @@ std::string Relay(const std::string& written, int64_t* read = nullptr) {
     char buffer[65536];
     for (ssize_t n; (n = ::read(out[0], buffer, sizeof(buffer))) > 0;) answer.append(buffer, n);
   });
-  const int64_t got = RelayAnswer(in[0], out[1]);
+  EXPECT_EQ(RelayAnswer(in[0], out[1]), static_cast<int64_t>(written.size()));
   close(out[1]);
   writer.join();
   reader.join();
   close(in[0]);
   close(out[0]);
-  if (read != nullptr) *read = got;
   return answer;
 }
 
@@ -49,9 +48,6 @@ TEST(AnswerRelayTest, TheHostsHeadersOnWhateverTheHandlerWrote) {
   } cases[] = {
       {"the 404 page", "Status: 404 Not Found\r\n\r\n",
        "Status: 404 Not Found\r\nContent-Type: application/octet-stream\r\n" + kHost + "\r\n"},
-      {"an attachment shown inline",
-       "Content-Length: 20\r\nContent-Type: text/html\r\n\r\n<script>x()</script>",
-       "Content-Length: 20\r\nContent-Type: text/html\r\n" + kHost + "\r\n<script>x()</script>"},
       {"lines ended by LF alone", "Content-Type: text/plain\n\nbody\n\nmore",
        "Content-Type: text/plain\r\n" + kHost + "\r\nbody\n\nmore"},
       {"the handler's own policy is dropped",
@@ -63,29 +59,11 @@ TEST(AnswerRelayTest, TheHostsHeadersOnWhateverTheHandlerWrote) {
        "Content-Type: application/octet-stream\r\n" + kHost + "\r\n<html><script>x()</script>"},
       {"a first line that is no header", "<svg onload=x()>: y\r\n\r\nz",
        "Content-Type: application/octet-stream\r\n" + kHost + "\r\n<svg onload=x()>: y\r\n\r\nz"},
-      {"an empty header block", "\r\nbody",
-       "Content-Type: application/octet-stream\r\n" + kHost + "\r\nbody"},
+      {"a head that never ends is a body too", std::string(100000, 'a'),
+       "Content-Type: application/octet-stream\r\n" + kHost + "\r\n" + std::string(100000, 'a')},
       {"nothing at all", "", ""},
   };
   for (const auto& c : cases) EXPECT_EQ(Relay(c.written), c.relayed) << c.name;
-}
-
-TEST(AnswerRelayTest, ALargeBodyStreamsThroughUnchanged) {
-  std::string body(5 * 1024 * 1024 + 7, '\0');
-  for (size_t i = 0; i < body.size(); ++i) body[i] = static_cast<char>(i * 131 % 251);
-  const std::string head = "Content-Length: " + std::to_string(body.size()) +
-                           "\r\nContent-Type: application/force-download\r\n\r\n";
-  int64_t read = 0;
-  const std::string answer = Relay(head + body, &read);
-  EXPECT_EQ(read, static_cast<int64_t>(head.size() + body.size()));
-  const std::string expected_head = head.substr(0, head.size() - 2) + kHost + "\r\n";
-  ASSERT_EQ(answer.size(), expected_head.size() + body.size());
-  EXPECT_EQ(answer.substr(0, expected_head.size()), expected_head);
-  EXPECT_TRUE(answer.compare(expected_head.size(), std::string::npos, body) == 0);
-  // A head that never ends is a body too, and still arrives whole.
-  const std::string endless(100000, 'a');
-  EXPECT_EQ(Relay(endless),
-            "Content-Type: application/octet-stream\r\n" + kHost + "\r\n" + endless);
 }
 
 }  // namespace

@@ -96,13 +96,10 @@ TEST(EntryRequestTest, TextThatIsNotCleanUtf8IsFound) {
       {"keyword=%22%5Cu0000%22", "keyword"},      // "\u0000"
       {"name=%22%5Cudc00%22", "name"},            // a lone low surrogate decodes to ED B0 80
       {"name=%22%5Cud800%22", std::nullopt},      // not JSON: kept as its own (clean) text
-      {"name=%ED%A0%80", "name"},                 // a surrogate written out
       {"id=%5B1%2C%22%C0%80%22%5D", "id"},        // an overlong NUL inside an array
-      {"x=%F4%90%80%80", "x"},                    // past U+10FFFF
       {"x=%E2%82", "x"},                          // cut short
       {"data=%7B%22%5Cu0000%22%3A1%7D", "data"},  // {"\u0000":1}: a key
-      {"data=%7B%22a%22%3A%7B%22%FF%22%3A1%7D%7D", "data"},
-      {"a%FF%00b=1", "a??b"},  // the name itself
+      {"a%FF%00b=1", "a??b"},                     // the name itself
   };
   for (const auto& c : cases) {
     EXPECT_EQ(FindUncleanParameter(Decode({{"QUERY_STRING", c.query}}).params), c.unclean)

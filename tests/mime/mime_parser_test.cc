@@ -336,20 +336,9 @@ TEST(MimeParserTest, ReadingAFileByWindowsCoversWhatCrossesThem) {
   EXPECT_EQ(Summary(ParseFromFile(raw)), Summary(message));
 }
 
-// What delivery of real/ shows, read from a file a window at a time: the
-// same (a source whose Content-Type fields are hidden from GMime is a copy;
-// the file stays as it is).
-TEST(MimeParserTest, RealWorldMailReadsTheSameFromAFile) {
-  for (const char* file :
-       {"text_without_subtype.eml", "inline_not_shown.eml", "part_without_blank_line.eml",
-        "uuencode_trimmed.eml", "closing_boundary_at_end.eml", "content_type_twice.eml",
-        "header_after_blank_line.eml", "names.eml"}) {
-    const std::string raw = Fixture(std::string("real/") + file);
-    store::NewMessage message = ParseMessage(raw, kNoDate);
-    EXPECT_FALSE(message.plain_body.empty()) << file;
-    EXPECT_EQ(Summary(ParseFromFile(raw)), Summary(message)) << file;
-  }
-  // A message whose header runs into its body, with no MIME at all.
+// A message whose header runs into its body, with no MIME at all (parts
+// that do are in real/, delivered in larkpostctl_mail_test).
+TEST(MimeParserTest, AHeaderWithoutItsBlankLineRunsIntoTheBody) {
   store::NewMessage open = ParseMessage("From: a@example.org\nSubject: x\nHello, world\n", kNoDate);
   EXPECT_EQ(std::tie(open.subject, open.plain_body), std::make_tuple("x", "Hello, world\n"));
 }
@@ -487,7 +476,6 @@ TEST(HeaderTest, ParameterValues) {
       {"attachment; filename*=utf-8''x.txt%00.svg", "attachment", "filename", "x.txt"},
       {"attachment; filename=\"=?utf-8?q?caf=C3=A9.txt=00.svg?=\"", "attachment", "filename",
        "café.txt"},
-      {"attachment; filename=\"=?utf-8?b?eC50eHQALnN2Zw==?=\"", "attachment", "filename", "x.txt"},
       {"attachment; filename=\"a=?utf-8?q?b?= =?utf-8?q?c=00d?=.svg\"", "attachment", "filename",
        "abc"},
       {std::string("attachment; filename=\"x.txt\0.svg\"", 33), "attachment", "filename", "x.txt"},
@@ -502,7 +490,6 @@ TEST(HeaderTest, ParameterValues) {
 TEST(HeaderTest, MediaType) {
   const std::pair<std::string, std::string> rows[] = {
       {"Text/HTML; charset=utf-8", "text/html"},
-      {"text", "text/plain"},
       {"text plain", "text/plain"},
       {"text/", "text/plain"},
       {" TEXT ; charset=iso-8859-1", "text/plain"},

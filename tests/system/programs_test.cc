@@ -223,17 +223,13 @@ TEST_F(ProgramsTest, ConversionFailuresSayWhyAndLeaveNoFile) {
 
 // Content from mail: only the raster formats are decoded, recognised by
 // their bytes whatever the name says, and only files beneath the request
-// user's folders are read, never through a link.
+// user's folders are read, never through a link. (An SVG mailed as PNG is
+// tried through the host, in ShareSecurityTest.)
 TEST_F(ProgramsTest, ReadsOnlyRasterImagesBeneathTheUsersFolders) {
   MakeImage(Path("secret.png"), 8, 8);  // below the data root, in no folder of the user's
   MakeImage(Image("@tmp/real.png"), 8, 8);
   fs::create_symlink(Image("@tmp/real.png"), Image("@tmp/link.png"));
   const std::string secret = Path("secret.png");
-  const std::string svg =
-      "<svg xmlns='http://www.w3.org/2000/svg' "
-      "xmlns:xlink='http://www.w3.org/1999/xlink' width='8' height='8'>"
-      "<image xlink:href='" +
-      secret + "' width='8' height='8'/></svg>";
   const std::string mvg = "push graphic-context\nviewbox 0 0 8 8\nimage over 0,0 8,8 '" + secret +
                           "'\npop graphic-context\n";
   const struct {
@@ -242,7 +238,6 @@ TEST_F(ProgramsTest, ReadsOnlyRasterImagesBeneathTheUsersFolders) {
     int status;
   } cases[] = {
       {"png", "", Image("@tmp/real.png"), true, 0},
-      {"svg", svg, "", true, 1},
       {"mvg", mvg, "", true, 1},
       {"text", "text:" + secret, "", true, 1},
       {"tiff", std::string("II*\0\x08\0\0\0", 8), "", true, 1},
