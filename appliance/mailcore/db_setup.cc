@@ -468,6 +468,26 @@ constexpr Migration kMigrations[] = {
      " condition_set TEXT NOT NULL,"
      " action_set TEXT NOT NULL);"
      "CREATE INDEX mail_filter_position ON mail_filter(position, id);"},
+    {7,
+     // Forwarding and the vacation reply: one row. A NULL member was never
+     // set; a time of NULL is no beginning, or no end (Unix seconds).
+     "CREATE TABLE forward_reply("
+     " id INTEGER PRIMARY KEY CHECK (id = 1),"
+     " forward_enable INTEGER NOT NULL DEFAULT 0,"
+     " forward_addr TEXT,"
+     " keep_copy INTEGER,"
+     " reply_enable INTEGER NOT NULL DEFAULT 0,"
+     " reply_begin_time INTEGER,"
+     " reply_end_time INTEGER,"
+     " subject TEXT,"
+     " message TEXT);"
+     "INSERT INTO forward_reply(id) VALUES (1);"
+     // Who got a vacation reply, and when: one reply per sender a week.
+     // sender is the bare address in lower case. Emptied whenever the rules
+     // change.
+     "CREATE TABLE vacation_reply("
+     " sender TEXT PRIMARY KEY,"
+     " replied_at INTEGER NOT NULL) WITHOUT ROWID;"},
 };
 
 // The triggers of migration 2 name the built-in mailboxes by number.
