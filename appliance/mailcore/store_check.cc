@@ -133,6 +133,7 @@ constexpr const char* kInvariants[] = {
     " OR a.content_length < 0 OR a.content_offset + a.content_length > length(s.raw))",
     "SELECT 'attachment ' || a.id || ' has neither content nor a source part' FROM attachment a"
     " WHERE a.content_offset IS NULL"
+    " AND (SELECT type FROM message m WHERE m.id = a.message_id) IS NOT 1"
     " AND NOT EXISTS (SELECT 1 FROM attachment_content c WHERE c.attachment_id = a.id)"
     " AND (a.part_path = '' OR NOT EXISTS (SELECT 1 FROM message_source s"
     "  WHERE s.message_id = a.message_id))",
