@@ -213,15 +213,15 @@ std::string BaseName(const std::string& path) { return path.substr(path.rfind('/
 // name), untouched for the grace period.
 void CheckFolder(Database& db, uint32_t uid, const char* folder, const char* referring_sql,
                  Findings& findings) {
-  const std::string path = ::larkpost::appliance::UserDir(uid) + folder;
-  DIR* listing = opendir(path.c_str());
-  if (listing == nullptr) return;
   std::set<std::string> referred;
   Statement rows(db, referring_sql);
   while (rows.Step()) {
     referred.insert(rows.Text(0));
     referred.insert(BaseName(rows.Text(0)));
   }
+  const std::string path = ::larkpost::appliance::UserDir(uid) + folder;
+  DIR* listing = opendir(path.c_str());
+  if (listing == nullptr) return;
   const int64_t touched_before = Now() - kStrayCopyGrace;
   std::vector<std::string> strays;
   while (const dirent* entry = readdir(listing)) {

@@ -116,8 +116,6 @@ TEST_F(CheckTest, EachDamageIsNamed) {
       // Counters and totals.
       {"UPDATE mailbox SET message_count = 9 WHERE id = 1",
        {"mailbox 1: message_count is 9, recomputed 2"}},
-      {"UPDATE mailbox SET draft_count = 0 WHERE id = 2",
-       {"mailbox 2: draft_count is 0, recomputed 1"}},
       {"UPDATE mailbox SET unread_count = 0, thread_count = 0 WHERE id = 7",
        {"mailbox 7: unread_count is 0, recomputed 1",
         "mailbox 7: thread_count is 0, recomputed 1"}},
@@ -127,7 +125,6 @@ TEST_F(CheckTest, EachDamageIsNamed) {
       {"UPDATE thread SET last_arrival = 5 WHERE id = 1",
        {"thread 1: last_arrival is 5, recomputed 1700000000"}},
       {"UPDATE store_count SET value = 7", {"store: thread total is 7, recomputed 2"}},
-      {"DELETE FROM store_count", {"store: thread total is missing, recomputed 2"}},
       // Thread lists.
       {"DELETE FROM mailbox_thread WHERE mailbox_id = 1",
        {"mailbox 1: thread 1 is missing from its thread list"}},
@@ -160,8 +157,6 @@ TEST_F(CheckTest, EachDamageIsNamed) {
        {"mailbox 4 does not lead up to the top level"}},
       {"PRAGMA defer_foreign_keys = ON; INSERT INTO thread_label VALUES (1, 9)",
        {"foreign key: thread_label names a missing label"}},
-      {"PRAGMA defer_foreign_keys = ON; INSERT INTO message_reference VALUES ('x@y', 9)",
-       {"foreign key: message_reference names a missing message"}},
       // Attachments, drafts' contents, uploads, filters.
       {"DELETE FROM attachment_content", {"attachment 2 of draft 3 has no content"}},
       {"UPDATE attachment_content SET content = x'00'",
@@ -171,9 +166,6 @@ TEST_F(CheckTest, EachDamageIsNamed) {
       {"UPDATE attachment SET content_length = 1000 WHERE id = 1",
        {"attachment 1: content range " + range + "+1000 lies outside the source of message 2 (" +
         source + " bytes)"}},
-      {"UPDATE attachment SET content_offset = -1 WHERE id = 1",
-       {"attachment 1: content range -1+8 lies outside the source of message 2 (" + source +
-        " bytes)"}},
       {"UPDATE attachment SET content_encoding = 'rot13' WHERE id = 1",
        {"attachment 1: content_encoding 'rot13' is unknown"}},
       {"UPDATE attachment SET content_offset = NULL, part_path = '' WHERE id = 1",
