@@ -29,19 +29,13 @@ constexpr char kContentIdDomain[] = "@larkpost";
 // composer, a browser gone); it is dropped when the user uploads next.
 constexpr int64_t kTempAttachmentLifetime = 7 * 24 * 3600;
 
-// Where the webmail copies uploads before it registers them, below the
-// user's application folder (PrepareUserLarkpostDir), and what it names them.
-constexpr char kUploadFolder[] = "/.ORNIC/@tmp";
+// What the webmail names its copies in the upload folder.
 constexpr char kUploadPrefix[] = "attachment_";
-// A copy is registered moments after it was written; one that nothing refers
-// to after this long was left behind (a failed preview conversion leaves its
-// content there, a refused registration its copy).
-constexpr int64_t kStrayCopyGrace = 15 * 60;
 
 // The copies in the user's upload folder that no upload refers to and that
 // nobody has touched within the grace period: never an upload in flight.
 void AddStrayCopies(Database& db, uint32_t uid, std::vector<std::string>& files) {
-  const std::string folder = ::larkpost::appliance::UserDir(uid) + kUploadFolder;
+  const std::string folder = ::larkpost::appliance::UserDir(uid) + store::kUploadFolder;
   DIR* listing = opendir(folder.c_str());
   if (listing == nullptr) return;
   // By name too: the names are random, and a path written another way must
@@ -49,7 +43,7 @@ void AddStrayCopies(Database& db, uint32_t uid, std::vector<std::string>& files)
   Statement known(db,
                   "SELECT EXISTS (SELECT 1 FROM attachment_temp WHERE path = ?1 "
                   "OR substr(path, -length(?2) - 1) = '/' || ?2)");
-  const int64_t touched_before = store::Now() - kStrayCopyGrace;
+  const int64_t touched_before = store::Now() - store::kStrayCopyGrace;
   while (const dirent* entry = readdir(listing)) {
     if (std::strncmp(entry->d_name, kUploadPrefix, sizeof(kUploadPrefix) - 1) != 0) continue;
     struct stat info;

@@ -527,6 +527,8 @@ bool MigrateSchema(Database& db, int version) {
   return true;
 }
 
+int NewestSchemaVersion() { return db::kNewestVersion; }
+
 }  // namespace ornic::larkpost::store
 
 namespace ornic::larkpost::db {

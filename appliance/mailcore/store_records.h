@@ -27,6 +27,16 @@ static_assert(kJunkId == 5 && kTrashId == 6, "kStarredSql names junk and trash b
 // The appliance's clock, in Unix seconds.
 int64_t Now();
 
+// The user's application folders (below appliance::UserDir) where the
+// webmail copies uploads before it registers them (attachment_temp.path)
+// and keeps the previews it made (attachment.preview_path).
+constexpr char kUploadFolder[] = "/.ORNIC/@tmp";
+constexpr char kPreviewFolder[] = "/.ORNIC/@image";
+// A file there is registered moments after it was written; one that nothing
+// refers to after this long was left behind (a failed preview conversion
+// leaves its content there, a refused registration its copy).
+constexpr int64_t kStrayCopyGrace = 15 * 60;
+
 // A read transaction (BEGIN DEFERRED): the statements of one read see one
 // state of the store, and take no write lock. Ended on destruction.
 class ReadTransaction {

@@ -13,4 +13,7 @@ namespace ornic::larkpost::store {
 // nothing behind.
 bool MigrateSchema(Database& db, int version = 0);
 
+// The number of the newest migration: the schema of an up-to-date store.
+int NewestSchemaVersion();
+
 }  // namespace ornic::larkpost::store

@@ -27,6 +27,7 @@
 
 #include "appliance/system/appliance.h"
 #include "appliance/system/user_admin.h"
+#include "appliance/tools/check_command.h"
 #include "appliance/tools/command_line.h"
 #include "appliance/tools/lighttpd_config.h"
 #include "appliance/tools/mail_commands.h"
@@ -74,6 +75,10 @@ constexpr char kUsage[] =
     "      run the web server in the foreground (default 127.0.0.1:8080; IPv6 as\n"
     "      [::1]:8080), and beside it the mail core's background service\n"
     "      (filter tasks), started again if it dies; Ctrl-C stops both\n"
+    "  check NAME|--all\n"
+    "      check the mail store of user NAME (or of every user) and the user's\n"
+    "      application folders; one line per finding, \"NAME: ok\" when sound,\n"
+    "      status 1 when anything was found\n"
     "\n"
     "--root DIR is the data root (default $LARKPOST_ROOT, else ./var).\n";
 
@@ -296,6 +301,7 @@ constexpr Command kCommands[] = {
     {"deliver", Deliver},
     {"import", Import},
     {"serve", Serve},
+    {"check", Check},
 };
 
 int Main(int argc, char** argv) {

@@ -66,6 +66,13 @@ class FaultTest : public ::testing::Test {
     sqlite3_close(db);
   }
 
+  // Whatever the fault did, the store check finds the store whole.
+  void TearDown() override {
+    const ProcessResult check = root_.Ctl({"check", "alice"});
+    EXPECT_EQ(check.out, "alice: ok\n") << check.err;
+    EXPECT_EQ(check.exit_code, 0);
+  }
+
   DataRoot root_;
 };
 

@@ -214,6 +214,9 @@ TEST_F(FilterTaskTest, AServiceKilledMidTaskLeavesNoHalfChangedMessageAndComesBa
   ASSERT_FALSE(again.empty());
   while (Status(again)["status"] != "none") std::this_thread::sleep_for(10ms);
   EXPECT_EQ(Changed(), kCount / 3);
+  const ProcessResult check = root_.Ctl({"check", "ann"});
+  EXPECT_EQ(check.out, "ann: ok\n") << check.err;
+  EXPECT_EQ(check.exit_code, 0);
 }
 
 TEST_F(FilterTaskTest, ApplyExistRunsTheNewRuleOverTheStoredMail) {
