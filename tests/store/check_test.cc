@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "appliance/mailcore/store_records.h"
+#include "appliance/mailcore/store_schema.h"
 #include "tests/store/store_fixture.h"
 
 namespace ornic::larkpost::testing {
@@ -112,7 +113,8 @@ TEST_F(CheckTest, EachDamageIsNamed) {
     const char* damage;
     Texts findings;
   } cases[] = {
-      {"PRAGMA user_version = 3", {"schema: version 3, expected 6"}},
+      {"PRAGMA user_version = 3",
+       {"schema: version 3, expected " + std::to_string(store::NewestSchemaVersion())}},
       // Counters and totals.
       {"UPDATE mailbox SET message_count = 9 WHERE id = 1",
        {"mailbox 1: message_count is 9, recomputed 2"}},
