@@ -100,10 +100,12 @@ void Store(Database& db, int id, const Outcome& outcome, const NewMessage& messa
 
 }  // namespace
 
-Delivered DeliverMessage(control::Controller& controller, const NewMessage& message) {
+Delivered DeliverMessage(control::Controller& controller, const NewMessage& message,
+                         const std::function<void(Database& db)>& also) {
   Delivered delivered;
   bool discarded = false;
   const int id = InsertMessageThen(controller, message, [&](Database& db, int stored) {
+    if (also) also(db);
     const std::vector<record::Filter> filters = LoadFilters(db);
     if (filters.empty()) return;
     std::vector<const record::ConditionSet*> sets;

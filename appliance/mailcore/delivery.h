@@ -2,6 +2,7 @@
 // transaction. Private to the appliance (larkpostctl deliver, fetching).
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -26,7 +27,11 @@ struct Delivered {
 // (else message.mailbox_id), a delete discards it, a redirect is handed
 // back. A rule whose mailbox or label no longer exists is skipped whole
 // (logged). The store, its counts and its search index see the message
-// once, in its final state. Throws as InsertMessage.
-Delivered DeliverMessage(control::Controller& controller, const NewMessage& message);
+// once, in its final state. `also`, when given, runs in the same
+// transaction (the fetcher remembers the message's UIDL
+// there, so that a message is stored and remembered, or neither). Throws
+// as InsertMessage.
+Delivered DeliverMessage(control::Controller& controller, const NewMessage& message,
+                         const std::function<void(Database& db)>& also = {});
 
 }  // namespace ornic::larkpost::store

@@ -1,0 +1,175 @@
+#include "appliance/mailcore/fetch/fetcher.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <string.h>
+#include <strings.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <limits>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "appliance/mailcore/controller_impl.h"
+#include "appliance/mailcore/delivery.h"
+#include "appliance/mailcore/fetch/pop3_client.h"
+#include "appliance/mailcore/mime/mime_parser.h"
+#include "appliance/mailcore/pop3_store.h"
+#include "appliance/system/clock.h"
+#include "platform/mailcore/constant.h"
+#include "platform/mailcore/control.h"
+#include "platform/mailcore/error.h"
+#include "platform/zevo/notify.h"
+
+namespace ornic::larkpost::fetch {
+namespace {
+
+constexpr int kInbox = control::DefaultMailbox::id<constant::kInbox>();
+constexpr int kStarred = control::DefaultMailbox::id<constant::kStarred>();
+constexpr int64_t kDay = 24 * 3600;
+
+// An exclusive lock on the account's lock file, held while it lives; not
+// taken (held() false) when another fetch of the account holds it.
+class AccountLock {
+ public:
+  AccountLock(uint32_t uid, int account_id) {
+    const std::string store = store::StorePath(uid);
+    const std::string path =
+        store.substr(0, store.rfind('/')) + "/pop3-" + std::to_string(account_id) + ".lock";
+    fd_ = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (fd_ < 0) {
+      store::LogError("fetch", __LINE__, "cannot open " + path + ": " + strerror(errno));
+      throw Error(kErrorStorage);
+    }
+    held_ = flock(fd_, LOCK_EX | LOCK_NB) == 0;
+  }
+  ~AccountLock() { close(fd_); }
+  AccountLock(const AccountLock&) = delete;
+  AccountLock& operator=(const AccountLock&) = delete;
+
+  bool held() const { return held_; }
+
+ private:
+  int fd_ = -1;
+  bool held_ = false;
+};
+
+// The mailbox that receives the account's mail: the one with UTF-8 path
+// `path`, the inbox for "" or "INBOX". A mailbox that is gone (or the
+// virtual Starred) gives the inbox, so that mail keeps coming in.
+int MailboxId(control::Controller& controller, const std::string& path) {
+  if (path.empty() || strcasecmp(path.c_str(), "INBOX") == 0) return kInbox;
+  for (const record::Mailbox& mailbox : control::MailboxControl(controller).List(false, false)) {
+    if (mailbox.UTF8MailboxPath() == path && mailbox.id != kStarred) return mailbox.id;
+  }
+  store::LogError("fetch", __LINE__, "no mailbox " + path + "; fetched mail goes to the inbox");
+  return kInbox;
+}
+
+void PassOver(store::Database& db, int account_id, const std::string& uidl) {
+  store::Guard("remembering a UIDL", [&] {
+    store::Transaction transaction(db);
+    store::RememberUidl(db, account_id, uidl);
+    transaction.Commit();
+  });
+}
+
+// The session with the server: everything after the account was read.
+// Returns the error text, "" when the fetch went through.
+std::string Fetch(control::Controller& controller, const store::Pop3Account& account,
+                  const FetchOptions& options, int64_t now, int* stored) {
+  store::Database& db = controller.impl().db();
+  Pop3Server server;
+  server.host = account.host_name;
+  server.port = account.port;
+  server.implicit_tls = account.enable_ssl;
+  server.user_name = account.user_name;
+  server.password = account.password;
+  server.ca_file = options.ca_file;
+  Pop3Client client(server);
+  std::vector<std::pair<int, std::string>> listing;
+  if (!client.ListUidls(&listing)) return client.error();
+
+  std::set<std::string> listed;
+  for (const auto& entry : listing) listed.insert(entry.second);
+  store::ForgetUidlsExcept(db, account.id, listed);
+  const std::set<std::string> remembered = store::RememberedUidls(db, account.id);
+  const int mailbox_id = MailboxId(controller, account.mailbox_path);
+  // Only the first fetch is limited to the last days.
+  const int64_t oldest = !account.first_fetch_done && account.fetch_pass_days > 0
+                             ? now - int64_t{account.fetch_pass_days} * kDay
+                             : std::numeric_limits<int64_t>::min();
+
+  for (const auto& [number, uidl] : listing) {
+    if (remembered.count(uidl) != 0) {
+      // Stored before, but the session that should have deleted it was cut
+      // short (a deletion counts only at QUIT).
+      if (account.delete_after_fetch && !client.Delete(number)) break;
+      continue;
+    }
+    std::string raw;
+    if (!client.Retrieve(number, &raw)) break;
+    store::NewMessage message = mime::ParseMessage(std::move(raw), now);
+    if (message.arrival_time < oldest) {
+      PassOver(db, account.id, uidl);
+      continue;
+    }
+    // A fetched message arrives now, whatever its Date header claims.
+    message.arrival_time = now;
+    message.mailbox_id = mailbox_id;
+    try {
+      store::DeliverMessage(controller, message, [&](store::Database& in) {
+        store::RememberUidl(in, account.id, uidl);
+      });
+    } catch (const Error& error) {
+      return "storing message " + uidl + " failed (error " + std::to_string(error.ErrorCode()) +
+             "); it stays on the server";
+    }
+    ++*stored;
+    if (account.delete_after_fetch && !client.Delete(number)) break;
+  }
+  return client.error();
+}
+
+}  // namespace
+
+FetchOutcome FetchAccount(control::Controller& controller, int account_id,
+                          const FetchOptions& options) {
+  FetchOutcome outcome;
+  outcome.account_id = account_id;
+  store::Database& db = controller.impl().db();
+  const std::optional<store::Pop3Account> account = store::LoadPop3Account(db, account_id);
+  if (!account) {
+    outcome.error = "no POP3 account " + std::to_string(account_id);
+    return outcome;
+  }
+  AccountLock lock(controller.uid(), account_id);
+  if (!lock.held()) {
+    outcome.busy = true;
+    return outcome;
+  }
+  const int64_t now = ::larkpost::appliance::UnixTime();
+  outcome.error = Fetch(controller, *account, options, now, &outcome.stored);
+  if (!outcome.error.empty()) {
+    store::LogError("fetch", __LINE__,
+                    "POP3 account " + std::to_string(account_id) + ": " + outcome.error);
+  }
+  store::RecordFetch(db, account_id, now, outcome.error, outcome.error.empty());
+  if (outcome.stored > 0) ZEVOLarkpostNotifyMailboxUpdate(controller.uid());
+  return outcome;
+}
+
+std::vector<FetchOutcome> FetchAllAccounts(control::Controller& controller,
+                                           const FetchOptions& options) {
+  std::vector<FetchOutcome> outcomes;
+  for (const store::Pop3Account& account : store::LoadPop3Accounts(controller.impl().db())) {
+    outcomes.push_back(FetchAccount(controller, account.id, options));
+  }
+  return outcomes;
+}
+
+}  // namespace ornic::larkpost::fetch
