@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "appliance/mailcore/controller_impl.h"
+#include "appliance/mailcore/filter_run.h"
 #include "appliance/mailcore/filter_store.h"
 #include "appliance/mailcore/store_records.h"
 #include "appliance/mailcore/store_text.h"
@@ -399,3 +400,27 @@ uint32_t SearchControl::Search(std::vector<int>& ids) {
 }
 
 }  // namespace ornic::larkpost::control
+
+namespace ornic::larkpost::store {
+
+std::vector<int> MatchingMessages(Database& db, const std::vector<record::Condition>& conditions,
+                                  bool match_any, const std::string& ids) {
+  control::Query query;
+  bool text = false;
+  std::string where;
+  for (const record::Condition& condition : conditions) {
+    if (!where.empty()) where += match_any ? " OR " : " AND ";
+    where += control::ConditionSql(condition, &query, &text);
+  }
+  std::string sql = "SELECT m.id FROM message m WHERE m.id IN (SELECT value FROM json_each(" +
+                    query.Param(ids) + ")) AND m.type <> 1";
+  if (!where.empty()) sql += " AND (" + where + ")";
+  if (text) control::RegisterContains(db);
+  Statement select(db, sql.c_str());
+  query.BindAll(select);
+  std::vector<int> matched;
+  while (select.Step()) matched.push_back(select.Int(0));
+  return matched;
+}
+
+}  // namespace ornic::larkpost::store

@@ -5,13 +5,19 @@
 // Commands are rows of kCommands; each gets the words after its name.
 #include <errno.h>
 #include <limits.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <iostream>
@@ -66,7 +72,8 @@ constexpr char kUsage[] =
     "      files for user NAME; prints how many were stored\n"
     "  serve [--listen HOST:PORT] [--no-preload]\n"
     "      run the web server in the foreground (default 127.0.0.1:8080; IPv6 as\n"
-    "      [::1]:8080); Ctrl-C stops it\n"
+    "      [::1]:8080), and beside it the mail core's background service\n"
+    "      (filter tasks), started again if it dies; Ctrl-C stops both\n"
     "\n"
     "--root DIR is the data root (default $LARKPOST_ROOT, else ./var).\n";
 
@@ -146,6 +153,70 @@ void StartPreloadedHost(const std::string& program, const std::string& socket_pa
   }
 }
 
+volatile sig_atomic_t g_supervisor_stop = 0;
+
+// The supervisor's life: runs the core's background service and starts it
+// again whenever it ends, until the web server (its parent) ends or it is
+// told to stop; then stops the service and waits for it. A service that
+// dies at once is started again after a growing pause (up to 5 s), so a
+// broken one does not spin.
+[[noreturn]] void SuperviseService(const std::string& program, pid_t web_server) {
+  struct sigaction stop {};
+  stop.sa_handler = [](int) { g_supervisor_stop = 1; };
+  sigemptyset(&stop.sa_mask);
+  stop.sa_flags = 0;  // waitpid and nanosleep must return on a signal
+  for (int number : {SIGTERM, SIGINT, SIGHUP}) sigaction(number, &stop, nullptr);
+  prctl(PR_SET_PDEATHSIG, SIGTERM);
+  if (getppid() != web_server) _exit(0);
+  openlog("larkpostctl", LOG_PID, LOG_MAIL);
+  long pause_ms = 100;
+  while (!g_supervisor_stop) {
+    timespec started{};
+    clock_gettime(CLOCK_MONOTONIC, &started);
+    const pid_t service = fork();
+    if (service == 0) {
+      const char* const argv[] = {program.c_str(), nullptr};
+      execv(program.c_str(), const_cast<char* const*>(argv));
+      _exit(127);
+    }
+    int status = 0;
+    if (service > 0) {
+      while (waitpid(service, &status, 0) < 0) {
+        if (errno != EINTR) break;
+        if (g_supervisor_stop) kill(service, SIGTERM);
+      }
+    }
+    if (g_supervisor_stop) break;
+    timespec ended{};
+    clock_gettime(CLOCK_MONOTONIC, &ended);
+    const long ran_ms =
+        (ended.tv_sec - started.tv_sec) * 1000 + (ended.tv_nsec - started.tv_nsec) / 1000000;
+    pause_ms = ran_ms > 10000 ? 100 : std::min(pause_ms * 2, 5000L);
+    syslog(LOG_ERR, "%s ended (%s %d); starting it again in %ld ms", program.c_str(),
+           WIFSIGNALED(status) ? "signal" : "status",
+           WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status), pause_ms);
+    timespec pause{pause_ms / 1000, (pause_ms % 1000) * 1000000};
+    nanosleep(&pause, nullptr);
+  }
+  _exit(0);
+}
+
+// Starts the supervisor of the core's background service beside the web
+// server. Like the preloaded host it goes when this process (lighttpd,
+// once exec'd) does.
+void StartService(const std::string& program) {
+  if (!Exists(program)) {
+    std::cerr << "larkpostctl: warning: " << program << " is missing; filter tasks will not run\n";
+    return;
+  }
+  std::cout.flush();
+  std::cerr.flush();
+  const pid_t web_server = getpid();
+  const pid_t child = fork();
+  if (child < 0) throw std::runtime_error(std::string("fork: ") + strerror(errno));
+  if (child == 0) SuperviseService(program, web_server);
+}
+
 int Serve(const Args& args) {
   std::string listen = "127.0.0.1:8080";
   bool preload = true;
@@ -188,6 +259,8 @@ int Serve(const Args& args) {
     settings.environment.emplace_back("LARKPOST_CGI_SOCKET", socket_path);
     StartPreloadedHost(settings.program_dir + "/larkpost-cgi", socket_path);
   }
+
+  StartService(settings.program_dir + "/larkpost-service");
 
   std::string index = settings.data_root + "/www/index.html";
   if (!Exists(index)) {
