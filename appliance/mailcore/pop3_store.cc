@@ -1,5 +1,7 @@
 #include "appliance/mailcore/pop3_store.h"
 
+#include "appliance/mailcore/secret_box.h"
+
 #include <optional>
 #include <set>
 #include <string>
@@ -21,7 +23,7 @@ Pop3Account Read(const Statement& row) {
   account.host_name = row.Text(3);
   account.port = row.Int(4);
   account.user_name = row.Text(5);
-  account.password = row.Text(6);
+  account.password = OpenSecret(row.Text(6));
   account.enable_ssl = row.Int(7) != 0;
   account.delete_after_fetch = row.Int(8) != 0;
   account.mailbox_path = row.Text(9);

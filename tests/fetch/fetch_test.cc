@@ -11,6 +11,7 @@
 
 #include "appliance/mailcore/fetch/fetcher.h"
 #include "appliance/mailcore/pop3_store.h"
+#include "appliance/mailcore/secret_box.h"
 #include "tests/fake/syslog_capture.h"
 #include "tests/store/store_fixture.h"
 #include "tests/support/pop3_server.h"
@@ -51,7 +52,8 @@ class FetchTest : public StoreTest {
                             " enable_ssl, delete_after_fetch, mailbox_path, fetch_pass_days)"
                             " VALUES ('alice@example.net', '127.0.0.1', ?1, 'user', ?2, ?3, ?4,"
                             " ?5, ?6)");
-    insert.Bind(1, static_cast<int>(port)).Bind(2, account.password).Bind(3, account.enable_ssl);
+    insert.Bind(1, static_cast<int>(port)).Bind(2, store::SealSecret(account.password));
+    insert.Bind(3, account.enable_ssl);
     insert.Bind(4, account.delete_after_fetch).Bind(5, account.mailbox_path);
     insert.Bind(6, account.fetch_pass_days).Run();
     return static_cast<int>(db().LastInsertRowid());
