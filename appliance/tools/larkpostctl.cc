@@ -70,6 +70,9 @@ constexpr char kUsage[] =
     "  import NAME [--mailbox PATH] SOURCE...\n"
     "      store the messages of mbox files, Maildir folders or single message\n"
     "      files for user NAME; prints how many were stored\n"
+    "  fetch NAME\n"
+    "      fetch the mail of user NAME's POP3 accounts now; prints how many\n"
+    "      messages were stored (an account's error goes to standard error)\n"
     "  serve [--listen HOST:PORT] [--no-preload]\n"
     "      run the web server in the foreground (default 127.0.0.1:8080; IPv6 as\n"
     "      [::1]:8080), and beside it the mail core's background service\n"
@@ -292,10 +295,7 @@ struct Command {
 };
 
 constexpr Command kCommands[] = {
-    {"user", User},
-    {"deliver", Deliver},
-    {"import", Import},
-    {"serve", Serve},
+    {"user", User}, {"deliver", Deliver}, {"import", Import}, {"fetch", Fetch}, {"serve", Serve},
 };
 
 int Main(int argc, char** argv) {
