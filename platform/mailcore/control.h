@@ -99,6 +99,62 @@ struct GeneralConfig {
   ConfigField<std::string> codepage;
 };
 
+// A sending identity to create or change; only the fields that are set
+// change. The password is written only when it is set, and never read back.
+struct SMTPConfigure {
+  ConfigField<std::string> display_name;
+  ConfigField<std::string> mail;
+  ConfigField<std::string> host_name;
+  ConfigField<int32_t> port;
+  ConfigField<std::string> user_name;  // "" (or unset): no login
+  ConfigField<std::string> password;
+  // 0 no encryption, 1 TLS from the start (SMTPS), 2 STARTTLS required.
+  ConfigField<int32_t> connection_type;
+  ConfigField<std::string> signature;
+};
+
+// A POP3 fetch account to create or change; only the fields that are set
+// change.
+struct POP3Configure {
+  ConfigField<std::string> mail;
+  ConfigField<int32_t> server_provider;
+  ConfigField<std::string> host_name;
+  ConfigField<int32_t> port;
+  ConfigField<std::string> user_name;
+  ConfigField<std::string> password;
+  ConfigField<bool> enable_ssl;           // POP3S; else STLS when the server offers it
+  ConfigField<bool> delete_after_fetch;   // DELE each message once it is stored
+  ConfigField<std::string> mailbox_path;  // raw path of the mailbox that receives the mail
+  // On the account's first fetch only the messages of the last N days are
+  // taken; 0: all.
+  ConfigField<int32_t> fetch_pass_days;
+};
+
+// Forwarding of incoming mail, as stored and as changed (the whole rule is
+// replaced; members that are not set are stored unset).
+class ZEVO_PLATFORM_API ForwardConfig {
+ public:
+  // False when forwarding is on without an address to forward to.
+  bool IsValid() const;
+
+  bool forward_enable = false;
+  ConfigField<std::string> forward_addr;
+  ConfigField<bool> keep_copy;  // also store the message
+};
+
+// The vacation reply, as stored and as changed (the whole rule is replaced).
+class ZEVO_PLATFORM_API ReplyConfig {
+ public:
+  // False when both times are set and the begin is not before the end.
+  bool IsValid() const;
+
+  bool reply_enable = false;
+  ConfigField<int64_t> reply_begin_time;  // Unix seconds; unset: from now on
+  ConfigField<int64_t> reply_end_time;    // Unix seconds; unset: open-ended
+  ConfigField<std::string> subject;       // unset: "Auto: " and the original's
+  ConfigField<std::string> message;       // the reply's text
+};
+
 // `prefix` followed by `length` characters drawn from [A-Za-z0-9] by a
 // cryptographic random source.
 ZEVO_PLATFORM_API std::string RandomString(const std::string& prefix, int length);
@@ -315,6 +371,45 @@ class ZEVO_PLATFORM_API SettingControl {
   record::GeneralConfig GetGeneralSetting();
   // Changes the fields that are set. False when a value is out of range.
   bool SetGeneralSetting(const GeneralConfig& config);
+
+  // Sending identities. Passwords stay in the core: no record carries one.
+  // Every identity, by id.
+  std::vector<record::SMTPConfig> ListSMTP() const;
+  // The default identity's id; 0 when the user has none.
+  int DefaultIDSMTP() const;
+  // The new identity's id; 0 when display_name, mail, host_name, port or
+  // connection_type is not set or a value is out of range.
+  int CreateSMTP(const SMTPConfigure& config);
+  // Changes the fields that are set (the password only when it is set).
+  // False when `id` is not one of the user's identities or a value is out of
+  // range.
+  bool ModifySMTP(int id, const SMTPConfigure& config);
+  // False when an id is unknown (then none is deleted). Deleting the default
+  // identity leaves the user without one.
+  bool DeleteSMTP(const std::vector<int>& ids);
+  // False when `id` is not one of the user's identities.
+  bool SetDefaultSMTP(int id);
+
+  // POP3 fetching. Whether the administrator's policy for the user's domain
+  // allows it (global_control::SettingControl).
+  bool IsEnablePOP3() const;
+  // Every fetch account, by id.
+  std::vector<record::POP3Config> ListPOP3() const;
+  // The new account's id; 0 when a field is not set, a value is out of
+  // range or mailbox_path names no mailbox that can hold mail.
+  int CreatePOP3(const POP3Configure& config);
+  // Changes the fields that are set (fetch_pass_days only matters before the
+  // first fetch). False when `id` is unknown or a value is out of range.
+  bool ModifyPOP3(int id, const POP3Configure& config);
+  // False when an id is unknown (then none is deleted).
+  bool DeletePOP3(const std::vector<int>& ids);
+
+  // Forwarding and the vacation reply. Fills both records; false when they
+  // cannot be read.
+  bool GetForwardReply(ForwardConfig& forward, ReplyConfig& reply) const;
+  // Replaces both rules. False when either record is not valid. Forgets to
+  // whom the vacation reply was sent.
+  bool SetForwardReply(const ForwardConfig& forward, const ReplyConfig& reply);
 
  private:
   Controller& controller_;

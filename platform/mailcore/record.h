@@ -70,6 +70,50 @@ struct ZEVO_PLATFORM_API GeneralConfig {
   std::string codepage;  // "" (follow the interface language), "utf8", or a code page name
 };
 
+// A sending identity. The password is the core's alone: it is not here.
+struct ZEVO_PLATFORM_API SMTPConfig {
+  int32_t id = 0;
+  std::string display_name;
+  std::string mail;
+  std::string host_name;
+  uint32_t port = 0;
+  std::string user_name;  // "": no login
+  // 0 no encryption, 1 TLS from the start (SMTPS), 2 STARTTLS required.
+  int32_t connection_type = 0;
+  std::string signature;
+
+  bool IsValid() const { return id > 0; }
+};
+
+// A POP3 fetch account. The password is the core's alone: it is not here.
+struct ZEVO_PLATFORM_API POP3Config {
+  int32_t id = 0;
+  std::string mail;
+  int32_t server_provider = 0;
+  std::string host_name;
+  uint32_t port = 0;
+  std::string user_name;
+  bool enable_ssl = false;
+  bool delete_after_fetch = false;
+  std::string mailbox_path;  // raw path of the mailbox that receives the mail
+  int32_t fetch_pass_days = 0;
+  // What the last fetch left: its Unix time (0: never fetched) and its
+  // error text ("" when it succeeded).
+  int64_t last_fetch_time = 0;
+  std::string last_error;
+
+  bool IsValid() const { return id > 0; }
+};
+
+// The administrator's POP3 policy of a domain, as read.
+struct ZEVO_PLATFORM_API GlobalPOP3Config {
+  bool enable_pop3 = false;
+  uint32_t pop3_fetch_period = 0;  // minutes between fetches
+  bool valid = false;              // false: the policy could not be read
+
+  bool IsValid() const { return valid; }
+};
+
 // Content-ID -> (attachment name, attachment id) of a message's inline parts.
 using InlineImageMap = std::map<std::string, std::pair<std::string, int>>;
 

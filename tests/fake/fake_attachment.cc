@@ -185,13 +185,6 @@ record::Sticker StickerControl::Get(int id) {
   return {};
 }
 
-SettingControl::SettingControl(Controller& controller) : controller_(controller) {}
-
-record::GeneralConfig SettingControl::GetGeneralSetting() {
-  if (!Call("SettingControl::GetGeneralSetting")) return {};
-  return platform().general;
-}
-
 }  // namespace ornic::larkpost::control
 
 namespace ornic::util {

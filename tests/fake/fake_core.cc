@@ -60,22 +60,22 @@ ZevoUser::ZevoUser(uint32_t uid) : uid_(ZEVO::kUnknownUID) {
   if (user == core().users.end()) return;
   uid_ = uid;
   name_ = user->second;
+  auto domain = core().domains.find(uid);
+  domain_ = domain == core().domains.end() ? "localdomain" : domain->second;
   valid_ = true;
 }
 
 ZevoUser::ZevoUser(const std::string& name) : uid_(ZEVO::kUnknownUID) {
   Call("ZevoUser", name);
   for (const auto& [uid, user_name] : core().users) {
-    if (user_name != name) continue;
-    uid_ = uid;
-    name_ = name;
-    valid_ = true;
+    if (user_name == name) *this = ZevoUser(uid);
   }
 }
 
 bool ZevoUser::IsValid() const { return valid_; }
 uint32_t ZevoUser::uid() const { return uid_; }
 const std::string& ZevoUser::name() const { return name_; }
+const std::string& ZevoUser::domain() const { return domain_; }
 
 std::string ZevoUser::PrepareUserLarkpostDir(const std::string& name) const {
   Call("ZevoUser::PrepareUserLarkpostDir", name);

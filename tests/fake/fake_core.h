@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/mailcore/control.h"
 #include "platform/mailcore/record.h"
 
 namespace larkpost::fake {
@@ -47,6 +48,20 @@ struct Core {
   int next_id = 100;
   // What MessageControl::Send returns: the id of the sent copy.
   int sent_id = 200;
+  // The user's settings (the general ones are platform().general). Creating
+  // an SMTP or POP3 account answers next_id and stores nothing; the lists
+  // answer these vectors as they are.
+  std::vector<ornic::larkpost::record::SMTPConfig> smtp;
+  int smtp_default_id = 0;
+  bool enable_pop3 = false;  // SettingControl::IsEnablePOP3
+  std::vector<ornic::larkpost::record::POP3Config> pop3;
+  ornic::larkpost::control::ForwardConfig forward;  // GetForwardReply
+  ornic::larkpost::control::ReplyConfig reply;
+  // ZevoUser::domain() by uid; "localdomain" for a user not listed.
+  std::map<uint32_t, std::string> domains;
+  // The administrator's POP3 policy, whatever the domain (the calls record
+  // which one was asked for); SetPOP3Config changes it.
+  ornic::larkpost::record::GlobalPOP3Config pop3_policy{false, 5, true};
 
   // ------------------------------------------------------ failure injection
   // Operation name (as recorded, without arguments) -> how it fails: a code
