@@ -1,11 +1,15 @@
 #include "appliance/mailcore/pop3_store.h"
 
-#include "appliance/mailcore/secret_box.h"
+#include <strings.h>
 
 #include <optional>
 #include <set>
 #include <string>
 #include <vector>
+
+#include "appliance/mailcore/secret_box.h"
+#include "platform/mailcore/constant.h"
+#include "platform/mailcore/control.h"
 
 namespace ornic::larkpost::store {
 namespace {
@@ -35,6 +39,21 @@ Pop3Account Read(const Statement& row) {
 }
 
 }  // namespace
+
+int FetchMailboxId(control::Controller& controller, const std::string& path) {
+  constexpr int kInbox = control::DefaultMailbox::id<constant::kInbox>();
+  constexpr int kStarred = control::DefaultMailbox::id<constant::kStarred>();
+  if (path.empty() || strcasecmp(path.c_str(), "INBOX") == 0) return kInbox;
+  const std::vector<record::Mailbox> mailboxes =
+      control::MailboxControl(controller).List(false, false);
+  for (const bool raw : {true, false}) {
+    for (const record::Mailbox& mailbox : mailboxes) {
+      if ((raw ? mailbox.path : mailbox.UTF8MailboxPath()) != path) continue;
+      return mailbox.id == kStarred ? 0 : mailbox.id;
+    }
+  }
+  return 0;
+}
 
 std::vector<Pop3Account> LoadPop3Accounts(Database& db) {
   return Guard("listing the POP3 accounts", [&] {

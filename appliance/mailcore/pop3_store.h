@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "appliance/mailcore/controller_impl.h"
+#include "platform/mailcore/controller.h"
 
 namespace ornic::larkpost::store {
 
@@ -29,6 +30,12 @@ struct Pop3Account {
   int64_t last_fetch_time = 0;  // Unix seconds of the last attempt; 0: never
   std::string last_error;       // "" when the last fetch went through
 };
+
+// The id of the mailbox that `path` names for fetched mail: its raw path
+// (IMAP modified UTF-7) or, failing that, its UTF-8 path; "" and "INBOX"
+// (in any case) name the inbox. 0 when no mailbox that holds mail of its own
+// has the path (the virtual Starred does not).
+int FetchMailboxId(control::Controller& controller, const std::string& path);
 
 // The user's accounts in id order, or the one with `id`. Throw
 // ornic::Error(kErrorDatabase) when the store fails.

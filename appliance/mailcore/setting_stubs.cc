@@ -17,10 +17,6 @@ bool SettingControl::DeleteSMTP(const std::vector<int>& /*ids*/) { return false;
 bool SettingControl::SetDefaultSMTP(int /*id*/) { return false; }
 
 bool SettingControl::IsEnablePOP3() const { return false; }
-std::vector<record::POP3Config> SettingControl::ListPOP3() const { return {}; }
-int SettingControl::CreatePOP3(const POP3Configure& /*config*/) { return 0; }
-bool SettingControl::ModifyPOP3(int /*id*/, const POP3Configure& /*config*/) { return false; }
-bool SettingControl::DeletePOP3(const std::vector<int>& /*ids*/) { return false; }
 
 bool SettingControl::GetForwardReply(ForwardConfig& /*forward*/, ReplyConfig& /*reply*/) const {
   return false;

@@ -41,6 +41,8 @@
 #include "appliance/system/clock.h"
 #include "appliance/system/log_file.h"
 #include "platform/mailcore/control.h"
+#include "platform/mailcore/error.h"
+#include "platform/mailcore/global_setting.h"
 #include "proto/fetch.pb.h"
 #include "proto/task.pb.h"
 
@@ -53,8 +55,16 @@ namespace channel = ornic::larkpost::service;
 // The administrator's POP3 policy of a user domain; off when it cannot be
 // read.
 FetchPolicy PolicyOf(const std::string& domain) {
-  (void)domain;
-  return {};
+  try {
+    const ornic::larkpost::record::GlobalPOP3Config policy =
+        ornic::larkpost::global_control::SettingControl(domain).GetPOP3Config();
+    if (!policy.IsValid()) return {};
+    return {policy.enable_pop3, policy.pop3_fetch_period};
+  } catch (const ornic::Error& e) {
+    syslog(LOG_ERR, "the POP3 policy of %s cannot be read: error %d", domain.c_str(),
+           e.ErrorCode());
+    return {};
+  }
 }
 
 // A filter task as the queue runs it.

@@ -76,7 +76,8 @@ constexpr char kUsage[] =
     "  serve [--listen HOST:PORT] [--no-preload]\n"
     "      run the web server in the foreground (default 127.0.0.1:8080; IPv6 as\n"
     "      [::1]:8080), and beside it the mail core's background service\n"
-    "      (filter tasks), started again if it dies; Ctrl-C stops both\n"
+    "      (filter tasks, POP3 fetching), started again if it dies; Ctrl-C stops\n"
+    "      both\n"
     "\n"
     "--root DIR is the data root (default $LARKPOST_ROOT, else ./var).\n";
 

@@ -11,7 +11,6 @@
 
 #include "appliance/mailcore/fetch/fetcher.h"
 #include "appliance/mailcore/pop3_store.h"
-#include "appliance/mailcore/secret_box.h"
 #include "tests/fake/syslog_capture.h"
 #include "tests/store/store_fixture.h"
 #include "tests/support/pop3_server.h"
@@ -46,17 +45,25 @@ class FetchTest : public StoreTest {
  protected:
   FetchTest() { ::larkpost::fake::ResetSystemLog(); }
 
+  static control::POP3Configure Configure(uint16_t port, const Account& account = {}) {
+    control::POP3Configure config;
+    config.mail.Set("alice@example.net");
+    config.server_provider.Set(0);
+    config.host_name.Set("127.0.0.1");
+    config.port.Set(port);
+    config.user_name.Set("user");
+    config.password.Set(account.password);
+    config.enable_ssl.Set(account.enable_ssl);
+    config.delete_after_fetch.Set(account.delete_after_fetch);
+    config.mailbox_path.Set(account.mailbox_path);
+    config.fetch_pass_days.Set(account.fetch_pass_days);
+    return config;
+  }
+
   int AddAccount(uint16_t port, const Account& account = {}) {
-    store::Statement insert(db(),
-                            "INSERT INTO pop3_account(mail, host_name, port, user_name, password,"
-                            " enable_ssl, delete_after_fetch, mailbox_path, fetch_pass_days)"
-                            " VALUES ('alice@example.net', '127.0.0.1', ?1, 'user', ?2, ?3, ?4,"
-                            " ?5, ?6)");
-    insert.Bind(1, static_cast<int>(port)).Bind(2, store::SealSecret(account.password));
-    insert.Bind(3, account.enable_ssl);
-    insert.Bind(4, account.delete_after_fetch).Bind(5, account.mailbox_path);
-    insert.Bind(6, account.fetch_pass_days).Run();
-    return static_cast<int>(db().LastInsertRowid());
+    const int id = settings_.CreatePOP3(Configure(port, account));
+    EXPECT_GT(id, 0);
+    return id;
   }
 
   fetch::FetchOutcome Fetch(int account, const std::string& ca_file = kCert) {
@@ -73,6 +80,8 @@ class FetchTest : public StoreTest {
   }
 
   store::Pop3Account Stored(int account) { return store::LoadPop3Account(db(), account).value(); }
+
+  control::SettingControl settings_{controller()};
 };
 
 TEST_F(FetchTest, NoMessageIsFetchedTwice) {
@@ -99,6 +108,12 @@ TEST_F(FetchTest, NoMessageIsFetchedTwice) {
   EXPECT_EQ(Inconsistencies(), Texts{});
   EXPECT_EQ(Stored(account).last_error, "");
   EXPECT_EQ(Stored(account).last_fetch_time, clock_.now());
+
+  // Another login is another maildrop: nothing of the old one is remembered.
+  control::POP3Configure relogin;
+  relogin.host_name.Set("localhost");
+  ASSERT_TRUE(settings_.ModifyPOP3(account, relogin));
+  EXPECT_EQ(Fetch(account).stored, 3);
 }
 
 TEST_F(FetchTest, DeletesOnTheServerOnlyWhatIsStored) {
@@ -184,6 +199,7 @@ TEST_F(FetchTest, FailuresStoreNothingAndAreKept) {
     EXPECT_EQ(kept.last_error, outcome.error);
     EXPECT_EQ(kept.last_fetch_time, clock_.now());
     EXPECT_FALSE(kept.first_fetch_done);
+    EXPECT_EQ(settings_.ListPOP3().back().last_error, outcome.error);
   }
   EXPECT_EQ(Query("SELECT count(*) FROM message"), 0);
   EXPECT_EQ(Query("SELECT count(*) FROM pop3_uidl"), 0);
@@ -210,6 +226,47 @@ TEST_F(FetchTest, TlsAsTheAccountAsksAndTheServerOffers) {
   ASSERT_GE(commands.size(), 3u);
   EXPECT_EQ(commands[0], "CAPA");
   EXPECT_EQ(commands[1], "STLS");
+}
+
+TEST_F(FetchTest, AccountsRefuseWhatMeansNothingAndKeepPasswordsSealed) {
+  using Change = void (*)(control::POP3Configure&);
+  const std::pair<const char*, Change> refused[] = {
+      {"no fetch_pass_days", [](control::POP3Configure& c) { c.fetch_pass_days = {}; }},
+      {"no password", [](control::POP3Configure& c) { c.password = {}; }},
+      {"empty user name", [](control::POP3Configure& c) { c.user_name.Set(""); }},
+      {"empty host", [](control::POP3Configure& c) { c.host_name.Set(""); }},
+      {"port 0", [](control::POP3Configure& c) { c.port.Set(0); }},
+      {"port 65536", [](control::POP3Configure& c) { c.port.Set(65536); }},
+      {"negative days", [](control::POP3Configure& c) { c.fetch_pass_days.Set(-1); }},
+      {"no such mailbox", [](control::POP3Configure& c) { c.mailbox_path.Set("Nowhere"); }},
+      {"virtual mailbox", [](control::POP3Configure& c) { c.mailbox_path.Set("Starred"); }},
+  };
+  for (const auto& [name, change] : refused) {
+    control::POP3Configure config = Configure(110);
+    change(config);
+    EXPECT_EQ(settings_.CreatePOP3(config), 0) << name;
+  }
+  EXPECT_EQ(Query("SELECT count(*) FROM pop3_account"), 0);
+
+  Account account;
+  account.password = "hunter2";
+  const int id = AddAccount(110, account);
+  EXPECT_EQ(Query("SELECT count(*) FROM pop3_account WHERE instr(password, 'hunter2')"), 0);
+  control::POP3Configure change;
+  change.mail.Set("other@example.net");
+  EXPECT_TRUE(settings_.ModifyPOP3(id, change));
+  EXPECT_FALSE(settings_.ModifyPOP3(id + 1, change));
+  change.mailbox_path.Set("Nowhere");
+  EXPECT_FALSE(settings_.ModifyPOP3(id, change));
+  const store::Pop3Account kept = Stored(id);
+  EXPECT_EQ(kept.mail, "other@example.net");
+  EXPECT_EQ(kept.port, 110);
+  EXPECT_EQ(kept.password, "hunter2");  // not sent, not changed
+
+  EXPECT_FALSE(settings_.DeletePOP3({id, id + 1}));
+  EXPECT_EQ(settings_.ListPOP3().size(), 1u);
+  EXPECT_TRUE(settings_.DeletePOP3({id}));
+  EXPECT_EQ(settings_.ListPOP3().size(), 0u);
 }
 
 TEST_F(FetchTest, OneFetchOfAnAccountAtATime) {

@@ -3,7 +3,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
-#include <strings.h>
 #include <sys/file.h>
 #include <unistd.h>
 
@@ -29,7 +28,6 @@ namespace ornic::larkpost::fetch {
 namespace {
 
 constexpr int kInbox = control::DefaultMailbox::id<constant::kInbox>();
-constexpr int kStarred = control::DefaultMailbox::id<constant::kStarred>();
 constexpr int64_t kDay = 24 * 3600;
 
 // An exclusive lock on the account's lock file, held while it lives; not
@@ -58,14 +56,11 @@ class AccountLock {
   bool held_ = false;
 };
 
-// The mailbox that receives the account's mail: the one with UTF-8 path
-// `path`, the inbox for "" or "INBOX". A mailbox that is gone (or the
-// virtual Starred) gives the inbox, so that mail keeps coming in.
+// The mailbox that receives the account's mail; the inbox when its own is
+// gone, so that mail keeps coming in.
 int MailboxId(control::Controller& controller, const std::string& path) {
-  if (path.empty() || strcasecmp(path.c_str(), "INBOX") == 0) return kInbox;
-  for (const record::Mailbox& mailbox : control::MailboxControl(controller).List(false, false)) {
-    if (mailbox.UTF8MailboxPath() == path && mailbox.id != kStarred) return mailbox.id;
-  }
+  const int id = store::FetchMailboxId(controller, path);
+  if (id > 0) return id;
   store::LogError("fetch", __LINE__, "no mailbox " + path + "; fetched mail goes to the inbox");
   return kInbox;
 }
