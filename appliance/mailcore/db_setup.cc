@@ -469,6 +469,26 @@ constexpr Migration kMigrations[] = {
      " action_set TEXT NOT NULL);"
      "CREATE INDEX mail_filter_position ON mail_filter(position, id);"},
     {7,
+     // Forwarding and the vacation reply: one row. A NULL member was never
+     // set; a time of NULL is no beginning, or no end (Unix seconds).
+     "CREATE TABLE forward_reply("
+     " id INTEGER PRIMARY KEY CHECK (id = 1),"
+     " forward_enable INTEGER NOT NULL DEFAULT 0,"
+     " forward_addr TEXT,"
+     " keep_copy INTEGER,"
+     " reply_enable INTEGER NOT NULL DEFAULT 0,"
+     " reply_begin_time INTEGER,"
+     " reply_end_time INTEGER,"
+     " subject TEXT,"
+     " message TEXT);"
+     "INSERT INTO forward_reply(id) VALUES (1);"
+     // Who got a vacation reply, and when: one reply per sender a week.
+     // sender is the bare address in lower case. Emptied whenever the rules
+     // change.
+     "CREATE TABLE vacation_reply("
+     " sender TEXT PRIMARY KEY,"
+     " replied_at INTEGER NOT NULL) WITHOUT ROWID;"},
+    {8,
      // POP3 fetch accounts. The password is kept sealed (secret box). What
      // the last fetch did is kept for a client: last_fetch_time (Unix
      // seconds of the last attempt, 0: never), last_error ("" after a fetch
@@ -489,8 +509,8 @@ constexpr Migration kMigrations[] = {
      " first_fetch_done INTEGER NOT NULL DEFAULT 0,"
      " last_fetch_time INTEGER NOT NULL DEFAULT 0,"
      " last_error TEXT NOT NULL DEFAULT '');"
-     // The UIDLs of an account's messages that are stored here (or that the
-     // first fetch passed over): never fetched again.
+     // The UIDLs of the messages an account took from its server (stored,
+     // forwarded, or passed over by the first fetch): never fetched again.
      "CREATE TABLE pop3_uidl("
      " account_id INTEGER NOT NULL REFERENCES pop3_account(id) ON DELETE CASCADE,"
      " uidl TEXT NOT NULL,"

@@ -1,11 +1,14 @@
-// Delivering a new message: the user's filters, then the store, in one
-// transaction. Private to the appliance (larkpostctl deliver, fetching).
+// Delivering a new message: the user's filters, forwarding and the vacation
+// reply, and the store, in one transaction. Private to the appliance
+// (larkpostctl deliver, fetching).
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
 
+#include "appliance/mailcore/auto_answer.h"
 #include "appliance/mailcore/message_store.h"
 #include "platform/mailcore/controller.h"
 
@@ -16,6 +19,8 @@ struct Delivered {
   // Bare addresses that matching rules redirect the message to, in order:
   // the caller sends it on, unchanged, once it is stored.
   std::vector<std::string> redirects;
+  bool forwarded = false;  // the forward went out
+  bool replied = false;    // a vacation reply went out
 };
 
 // Runs the user's filters, in the user's order, over `message`, and stores
@@ -27,11 +32,39 @@ struct Delivered {
 // (else message.mailbox_id), a delete discards it, a redirect is handed
 // back. A rule whose mailbox or label no longer exists is skipped whole
 // (logged). The store, its counts and its search index see the message
-// once, in its final state. `also`, when given, runs in the same
-// transaction (the fetcher remembers the message's UIDL
-// there, so that a message is stored and remembered, or neither). Throws
-// as InsertMessage.
+// once, in its final state. Throws as InsertMessage.
+//
+// With `keep`, it is asked, once the rules have decided and before anything
+// is committed, whether to store the message (its argument: whether a rule
+// deleted it); false leaves the store as it was and the result's id 0.
 Delivered DeliverMessage(control::Controller& controller, const NewMessage& message,
-                         const std::function<void(Database& db)>& also = {});
+                         const std::function<bool(bool deleted)>& keep = nullptr);
+
+// The one way new mail comes in (larkpostctl deliver, every fetched
+// message): DeliverMessage, then forwarding, then the vacation reply, then
+// the rules' redirects, all through the appliance's relay.
+//
+// Forwarding sends the message as it arrived, with our mark, to the
+// forward address; without keep_copy the message is stored only when the
+// forward failed (logged), so that nothing is lost. A message that a rule
+// deleted is neither forwarded nor answered; one that carries our mark for
+// this user is stored and not forwarded again.
+//
+// The vacation reply (see VacationRecipient) goes to a sender once in
+// kVacationInterval, remembered in the store only once the relay took it.
+// Neither a failed forward nor a failed reply fails the delivery.
+Delivered Deliver(control::Controller& controller, const NewMessage& message);
+
+// The rules as stored (defaults for a store that has none yet).
+AnswerRules LoadAnswerRules(Database& db);
+
+// The user's own addresses: the account's NAME@DOMAIN first, then the
+// addresses of the sending identities.
+std::vector<std::string> UserAddresses(control::Controller& controller);
+
+// Sends `message` (CRLF) through the appliance's relay; 0 when it took it,
+// else a send code (logged by the sender). Never throws.
+int32_t SendThroughRelay(const std::string& sender, const std::vector<std::string>& recipients,
+                         const std::string& message);
 
 }  // namespace ornic::larkpost::store

@@ -6,8 +6,9 @@
 // else the default account, else (when the appliance's own mail server may
 // send) the configured relay, plainly and without a login; the relay is this
 // appliance's own server, so TLS would protect nothing. An account's
-// connection type 1 is TLS from the start, 2 STARTTLS or nothing, anything
-// else STARTTLS when the server offers it.
+// connection type is 0 no encryption, 1 TLS from the start (SMTPS), 2
+// STARTTLS or nothing; certificates are verified. Its password is opened
+// from its sealed form here, for its own server only.
 //
 // Through the relay the appliance vouches for the sender, so a message goes
 // out only from the user's own addresses (OwnAddresses); anything else is
@@ -23,10 +24,12 @@
 #include <vector>
 
 #include "appliance/mailcore/controller_impl.h"
+#include "appliance/mailcore/delivery.h"
 #include "appliance/mailcore/draft_html.h"
 #include "appliance/mailcore/draft_store.h"
 #include "appliance/mailcore/lazy_library.h"
 #include "appliance/mailcore/mime/html_text.h"
+#include "appliance/mailcore/secret_box.h"
 #include "appliance/mailcore/send/send_library.h"
 #include "appliance/mailcore/store_text.h"
 #include "appliance/system/appliance.h"
@@ -58,6 +61,8 @@ send::Security SecurityOf(int connection_type) {
       return send::Security::kImplicitTls;
     case 2:
       return send::Security::kStartTlsRequired;
+    case 0:
+      return send::Security::kNone;
     default:
       return send::Security::kStartTlsIfOffered;
   }
@@ -73,6 +78,7 @@ struct Account {
 std::optional<Account> ChooseAccount(store::Database& db, const std::string& from_address,
                                      bool* matched) {
   return store::Guard("choosing the SMTP account", [&]() -> std::optional<Account> {
+    store::SealPlainSecrets(db, "smtp_account", "password");
     store::Statement rows(db,
                           "SELECT mail, host_name, port, user_name, password, connection_type, "
                           "display_name, is_default FROM smtp_account ORDER BY id");
@@ -83,7 +89,7 @@ std::optional<Account> ChooseAccount(store::Database& db, const std::string& fro
       account.server.host = rows.Text(1);
       account.server.port = rows.Int(2);
       account.server.user_name = rows.Text(3);
-      account.server.password = rows.Text(4);
+      account.server.password = store::OpenSecret(rows.Text(4));
       account.server.security = SecurityOf(rows.Int(5));
       account.display_name = rows.Text(6);
       if (!wanted.empty() && store::FoldCase(rows.Text(0)) == wanted) {
@@ -98,11 +104,12 @@ std::optional<Account> ChooseAccount(store::Database& db, const std::string& fro
 }
 
 // The addresses the appliance's own server sends from for this user: the
-// account's NAME@DOMAIN. Sending identities that the appliance itself
-// serves add theirs here; an SMTP account's address is not one (any text
-// can be typed into an account).
-std::vector<std::string> OwnAddresses(const sdk::ZevoUser& user) {
-  return {user.name() + "@" + user.domain()};
+// account's NAME@DOMAIN and the addresses of the sending identities. Any
+// text can be typed into an identity, but a From that names one always
+// leaves through that identity's own server (ChooseAccount), never
+// through the relay, so the relay vouches for no more than before.
+std::vector<std::string> OwnAddresses(Controller& controller) {
+  return store::UserAddresses(controller);
 }
 
 const appliance::Config& Configuration() {
@@ -159,7 +166,7 @@ int MessageControl::Send(int id) {
     job.server.port = config.relay_port;
     job.server.security = send::Security::kNone;
     job.sender_must_be_own = true;
-    job.own_addresses = OwnAddresses(controller_.zevo_user());
+    job.own_addresses = OwnAddresses(controller_);
   } else {
     throw Error(kErrorNoSmtpAccount);
   }

@@ -19,7 +19,6 @@
 #include "appliance/mailcore/message_store.h"
 #include "appliance/mailcore/mime/mail_source.h"
 #include "appliance/mailcore/mime/mime_parser.h"
-#include "appliance/mailcore/send/smtp_client.h"
 #include "appliance/system/appliance.h"
 #include "appliance/system/clock.h"
 #include "platform/mailcore/constant.h"
@@ -216,44 +215,6 @@ std::string ReadStandardInput() {
   }
 }
 
-// `raw` with every line ended by CRLF, as SMTP carries it.
-std::string WithCrlf(const std::string& raw) {
-  std::string out;
-  out.reserve(raw.size() + raw.size() / 40);
-  for (size_t i = 0; i < raw.size(); ++i) {
-    if (raw[i] == '\n' && (i == 0 || raw[i - 1] != '\r')) out += '\r';
-    out += raw[i];
-  }
-  if (!out.empty() && out.back() != '\n') out += "\r\n";
-  return out;
-}
-
-// Sends the message, as it arrived, on to `addresses` through the
-// appliance's relay, from the address of its From. A redirect that fails
-// is reported on standard error; the message is kept all the same.
-void Redirect(const store::NewMessage& message, const std::vector<std::string>& addresses) {
-  namespace send = ornic::larkpost::send;
-  const appliance::Config& config = appliance::GetConfig();
-  send::SmtpServer relay;
-  relay.host = config.relay_host;
-  relay.port = config.relay_port;
-  relay.security = send::Security::kNone;
-  std::unique_ptr<FILE, int (*)(FILE*)> file(tmpfile(), fclose);
-  const std::string bytes = WithCrlf(message.raw);
-  if (!file || fwrite(bytes.data(), 1, bytes.size(), file.get()) != bytes.size() ||
-      fflush(file.get()) != 0) {
-    std::cerr << "deliver: cannot redirect: no room for the message\n";
-    return;
-  }
-  const send::Envelope envelope{control::MailAddress(message.from).GetEmail(), addresses};
-  const int32_t error =
-      send::Transmit(relay, envelope, fileno(file.get()), static_cast<int64_t>(bytes.size()));
-  if (error != 0) {
-    std::cerr << "deliver: the redirect was not sent (error " << error
-              << "); the message is stored\n";
-  }
-}
-
 }  // namespace
 
 int Deliver(const Args& args) {
@@ -270,11 +231,10 @@ int Deliver(const Args& args) {
     // A delivered message arrives now, whatever its Date header claims.
     message.arrival_time = now;
     message.mailbox_id = mailbox;
-    // The user's filters apply as the message is stored, as a mail
-    // server's delivery agent applies them; forwarding and the auto-reply
-    // come after them. A redirect leaves once the message is safe.
-    const store::Delivered delivered = store::DeliverMessage(user.controller(), message);
-    if (!delivered.redirects.empty()) Redirect(message, delivered.redirects);
+    // The user's filters, forwarding and the vacation reply apply as a mail
+    // server's delivery agent applies them. A redirect leaves once the
+    // message is safe. Failures to send are logged, and lose nothing.
+    const store::Delivered delivered = store::Deliver(user.controller(), message);
     user.Announce();
     std::cout << delivered.id << "\n";
     return 0;

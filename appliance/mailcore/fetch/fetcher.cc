@@ -65,7 +65,8 @@ int MailboxId(control::Controller& controller, const std::string& path) {
   return kInbox;
 }
 
-void PassOver(store::Database& db, int account_id, const std::string& uidl) {
+// Remembers that the account took the message with `uidl`.
+void Remember(store::Database& db, int account_id, const std::string& uidl) {
   store::Guard("remembering a UIDL", [&] {
     store::Transaction transaction(db);
     store::RememberUidl(db, account_id, uidl);
@@ -110,16 +111,19 @@ std::string Fetch(control::Controller& controller, const store::Pop3Account& acc
     if (!client.Retrieve(number, &raw)) break;
     store::NewMessage message = mime::ParseMessage(std::move(raw), now);
     if (message.arrival_time < oldest) {
-      PassOver(db, account.id, uidl);
+      Remember(db, account.id, uidl);
       continue;
     }
     // A fetched message arrives now, whatever its Date header claims.
     message.arrival_time = now;
     message.mailbox_id = mailbox_id;
     try {
-      store::DeliverMessage(controller, message, [&](store::Database& in) {
-        store::RememberUidl(in, account.id, uidl);
-      });
+      // Filters, forwarding and the vacation reply apply as to any new mail.
+      store::Deliver(controller, message);
+      // In a transaction of its own: a forward without a copy stores
+      // nothing to go with it. Should the process die just before, the
+      // message would come again, never be lost.
+      Remember(db, account.id, uidl);
     } catch (const Error& error) {
       return "storing message " + uidl + " failed (error " + std::to_string(error.ErrorCode()) +
              "); it stays on the server";

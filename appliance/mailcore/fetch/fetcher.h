@@ -1,10 +1,10 @@
 // Fetching the mail of a user's POP3 accounts into the user's store: what
 // `larkpostctl fetch` and the background service run.
 //
-// Each new message (by UIDL) is stored through the delivery path, so the
-// user's filters apply, into the account's mailbox, and its UIDL is
-// remembered in the same transaction; only then, when the account says so,
-// is it deleted on the server. A server that refuses the login, cannot be
+// Each new message (by UIDL) goes through the delivery path into the
+// account's mailbox, so the user's filters, forwarding and vacation reply
+// apply, and its UIDL is remembered once it is stored; only then, when the
+// account says so, is it deleted on the server. A server that refuses the login, cannot be
 // reached or goes away mid-way leaves what was stored stored and everything
 // else on the server for the next fetch. The account keeps the time of the
 // attempt and its error ("" when it went through).

@@ -14,6 +14,7 @@
 #include "appliance/mailcore/send/message_builder.h"
 #include "appliance/mailcore/send/send_library.h"
 #include "appliance/mailcore/send/smtp_client.h"
+#include "appliance/system/appliance.h"
 #include "platform/export.h"
 #include "platform/mailcore/control.h"
 #include "platform/mailcore/error.h"
@@ -104,5 +105,37 @@ extern "C" ZEVO_PLATFORM_API void larkpost_send_draft(const ornic::larkpost::sen
   } catch (const std::exception& e) {
     store::LogError("send", __LINE__, std::string("sending failed: ") + e.what());
     outcome->error = ornic::kErrorStorage;
+  }
+}
+
+extern "C" ZEVO_PLATFORM_API int32_t
+larkpost_relay_message(const ornic::larkpost::send::RelayJob* job) {
+  using namespace ornic::larkpost;
+  try {
+    const ::larkpost::appliance::Config& config = ::larkpost::appliance::GetConfig();
+    send::SmtpServer relay;
+    relay.host = config.relay_host;
+    relay.port = config.relay_port;
+    // The relay is this appliance's own server: TLS would protect nothing.
+    relay.security = send::Security::kNone;
+    auto hostname = config.mail_server.find("smtp_hostname");
+    if (hostname != config.mail_server.end() && !hostname->second.empty()) {
+      relay.hello_name = hostname->second;
+    }
+    const int fd = send::OpenWorkFile(::larkpost::appliance::DataRoot());
+    send::FileCloser closer(fd);
+    const std::string& bytes = *job->message;
+    if (write(fd, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) {
+      store::LogError("send", __LINE__,
+                      std::string("no room for a relayed message: ") + strerror(errno));
+      return ornic::kErrorStorage;
+    }
+    return send::Transmit(relay, send::Envelope{job->sender, job->recipients}, fd,
+                          static_cast<int64_t>(bytes.size()));
+  } catch (const ornic::Error& e) {
+    return e.ErrorCode();
+  } catch (const std::exception& e) {
+    store::LogError("send", __LINE__, std::string("relaying failed: ") + e.what());
+    return ornic::kErrorSmtpConnect;
   }
 }

@@ -46,10 +46,23 @@ struct SendOutcome {
 // Builds, sends and parses; never throws.
 using SendEntry = void(const SendJob* job, SendOutcome* outcome);
 
+// A message that the appliance sends on its own (a redirect, a forward, a
+// vacation reply) through the configured relay.
+struct RelayJob {
+  std::string sender;  // bare address; "" : the null sender "<>"
+  std::vector<std::string> recipients;
+  const std::string* message = nullptr;  // CRLF line ends
+};
+
+// 0 when the relay took the message, else a code as Transmit's; never throws.
+using RelayEntry = int32_t(const RelayJob* job);
+
 constexpr char kLibraryName[] = "liblarkpost_send.so";
 constexpr char kEntryName[] = "larkpost_send_draft";
+constexpr char kRelayEntryName[] = "larkpost_relay_message";
 
 }  // namespace ornic::larkpost::send
 
 // Defined in the library only; the core reaches it by name.
 extern "C" ornic::larkpost::send::SendEntry larkpost_send_draft;
+extern "C" ornic::larkpost::send::RelayEntry larkpost_relay_message;
