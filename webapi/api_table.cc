@@ -1,5 +1,6 @@
 #include "webapi/api_table.h"
 
+#include "webapi/admin_setting.h"
 #include "webapi/attachment.h"
 #include "webapi/draft.h"
 #include "webapi/entry.h"
@@ -8,9 +9,11 @@
 #include "webapi/label.h"
 #include "webapi/mailbox.h"
 #include "webapi/message.h"
+#include "webapi/setting.h"
 #include "webapi/sticker.h"
 #include "webapi/thread.h"
 
+using ornic::larkpost::webapi::AdminSettingAPI;
 using ornic::larkpost::webapi::AttachmentAPI;
 using ornic::larkpost::webapi::DraftAPI;
 using ornic::larkpost::webapi::FilterAPI;
@@ -19,6 +22,7 @@ using ornic::larkpost::webapi::LabelAPI;
 using ornic::larkpost::webapi::MailboxAPI;
 using ornic::larkpost::webapi::MessageAPI;
 using ornic::larkpost::webapi::RunEntry;
+using ornic::larkpost::webapi::SettingAPI;
 using ornic::larkpost::webapi::StickerAPI;
 using ornic::larkpost::webapi::ThreadAPI;
 
@@ -88,6 +92,25 @@ LARKPOST_ENTRY(FilterAddTask_v1, FilterAPI, AddTask_v1)
 LARKPOST_ENTRY(FilterGetTaskStatus_v1, FilterAPI, GetTaskStatus_v1)
 LARKPOST_ENTRY(FilterCancelTask_v1, FilterAPI, CancelTask_v1)
 
+LARKPOST_ENTRY(SettingGeneralGet_v1, SettingAPI, GeneralGet_v1)
+LARKPOST_ENTRY(SettingGeneralSet_v1, SettingAPI, GeneralSet_v1)
+LARKPOST_ENTRY(SettingSMTPList_v1, SettingAPI, SMTPList_v1)
+LARKPOST_ENTRY(SettingSMTPCreate_v1, SettingAPI, SMTPCreate_v1)
+LARKPOST_ENTRY(SettingSMTPSet_v1, SettingAPI, SMTPSet_v1)
+LARKPOST_ENTRY(SettingSMTPDelete_v1, SettingAPI, SMTPDelete_v1)
+LARKPOST_ENTRY(SettingSMTPSetDefault_v1, SettingAPI, SMTPSetDefault_v1)
+LARKPOST_ENTRY(SettingPOP3GetInfo_v1, SettingAPI, POP3GetInfo_v1)
+LARKPOST_ENTRY(SettingPOP3List_v1, SettingAPI, POP3List_v1)
+LARKPOST_ENTRY(SettingPOP3Create_v1, SettingAPI, POP3Create_v1)
+LARKPOST_ENTRY(SettingPOP3Set_v1, SettingAPI, POP3Set_v1)
+LARKPOST_ENTRY(SettingPOP3Delete_v1, SettingAPI, POP3Delete_v1)
+LARKPOST_ENTRY(SettingForwardReplyGet_v1, SettingAPI, ForwardReplyGet_v1)
+LARKPOST_ENTRY(SettingForwardReplySet_v1, SettingAPI, ForwardReplySet_v1)
+
+// Stand-alone: no user mail session, no log identity.
+LARKPOST_ENTRY(AdminSettingPOP3Get_v1, AdminSettingAPI, POP3Get_v1)
+LARKPOST_ENTRY(AdminSettingPOP3Set_v1, AdminSettingAPI, POP3Set_v1)
+
 #undef LARKPOST_ENTRY
 
 const ZEVO::APITableEntry gTable[kAPITableSize] = {
@@ -150,6 +173,24 @@ const ZEVO::APITableEntry gTable[kAPITableSize] = {
     {"ZEVO.Larkpost.Filter", 1, "add_task", FilterAddTask_v1},
     {"ZEVO.Larkpost.Filter", 1, "get_task_status", FilterGetTaskStatus_v1},
     {"ZEVO.Larkpost.Filter", 1, "cancel_task", FilterCancelTask_v1},
+
+    {"ZEVO.Larkpost.Setting.General", 1, "get", SettingGeneralGet_v1},
+    {"ZEVO.Larkpost.Setting.General", 1, "set", SettingGeneralSet_v1},
+    {"ZEVO.Larkpost.Setting.SMTP", 1, "list", SettingSMTPList_v1},
+    {"ZEVO.Larkpost.Setting.SMTP", 1, "create", SettingSMTPCreate_v1},
+    {"ZEVO.Larkpost.Setting.SMTP", 1, "set", SettingSMTPSet_v1},
+    {"ZEVO.Larkpost.Setting.SMTP", 1, "delete", SettingSMTPDelete_v1},
+    {"ZEVO.Larkpost.Setting.SMTP", 1, "set_default", SettingSMTPSetDefault_v1},
+    {"ZEVO.Larkpost.Setting.POP3", 1, "getinfo", SettingPOP3GetInfo_v1},
+    {"ZEVO.Larkpost.Setting.POP3", 1, "list", SettingPOP3List_v1},
+    {"ZEVO.Larkpost.Setting.POP3", 1, "create", SettingPOP3Create_v1},
+    {"ZEVO.Larkpost.Setting.POP3", 1, "set", SettingPOP3Set_v1},
+    {"ZEVO.Larkpost.Setting.POP3", 1, "delete", SettingPOP3Delete_v1},
+    {"ZEVO.Larkpost.Setting.ForwardReply", 1, "get", SettingForwardReplyGet_v1},
+    {"ZEVO.Larkpost.Setting.ForwardReply", 1, "set", SettingForwardReplySet_v1},
+
+    {"ZEVO.Larkpost.AdminSetting.POP3", 1, "get", AdminSettingPOP3Get_v1},
+    {"ZEVO.Larkpost.AdminSetting.POP3", 1, "set", AdminSettingPOP3Set_v1},
 };
 
 const ZEVO::APITableEntry* GetAPITable() { return gTable; }

@@ -9,7 +9,7 @@
 
 // The rows in their fixed order; the table has no terminating row (the
 // framework takes its length from the symbol's size).
-inline constexpr size_t kAPITableSize = 51;
+inline constexpr size_t kAPITableSize = 67;
 LARKPOST_EXPORT extern const ZEVO::APITableEntry gTable[kAPITableSize];
 LARKPOST_EXPORT const ZEVO::APITableEntry* GetAPITable();
 
@@ -75,5 +75,23 @@ LARKPOST_ENTRY(FilterSetOrder_v1);
 LARKPOST_ENTRY(FilterAddTask_v1);
 LARKPOST_ENTRY(FilterGetTaskStatus_v1);
 LARKPOST_ENTRY(FilterCancelTask_v1);
+
+LARKPOST_ENTRY(SettingGeneralGet_v1);
+LARKPOST_ENTRY(SettingGeneralSet_v1);
+LARKPOST_ENTRY(SettingSMTPList_v1);
+LARKPOST_ENTRY(SettingSMTPCreate_v1);
+LARKPOST_ENTRY(SettingSMTPSet_v1);
+LARKPOST_ENTRY(SettingSMTPDelete_v1);
+LARKPOST_ENTRY(SettingSMTPSetDefault_v1);
+LARKPOST_ENTRY(SettingPOP3GetInfo_v1);
+LARKPOST_ENTRY(SettingPOP3List_v1);
+LARKPOST_ENTRY(SettingPOP3Create_v1);
+LARKPOST_ENTRY(SettingPOP3Set_v1);
+LARKPOST_ENTRY(SettingPOP3Delete_v1);
+LARKPOST_ENTRY(SettingForwardReplyGet_v1);
+LARKPOST_ENTRY(SettingForwardReplySet_v1);
+
+LARKPOST_ENTRY(AdminSettingPOP3Get_v1);
+LARKPOST_ENTRY(AdminSettingPOP3Set_v1);
 
 #undef LARKPOST_ENTRY

@@ -14,7 +14,7 @@
 namespace larkpost::test {
 namespace {
 
-// The rows built so far, in the table's fixed order.
+// The rows in the table's fixed order.
 const std::tuple<const char*, const char*, ZEVO::APIHandler> kRows[] = {
     {"ZEVO.Larkpost.Info", "getinfo", InfoGetInfo_v1},
     {"ZEVO.Larkpost.Thread", "list", ThreadList_v1},
@@ -67,7 +67,24 @@ const std::tuple<const char*, const char*, ZEVO::APIHandler> kRows[] = {
     {"ZEVO.Larkpost.Filter", "add_task", FilterAddTask_v1},
     {"ZEVO.Larkpost.Filter", "get_task_status", FilterGetTaskStatus_v1},
     {"ZEVO.Larkpost.Filter", "cancel_task", FilterCancelTask_v1},
+    {"ZEVO.Larkpost.Setting.General", "get", SettingGeneralGet_v1},
+    {"ZEVO.Larkpost.Setting.General", "set", SettingGeneralSet_v1},
+    {"ZEVO.Larkpost.Setting.SMTP", "list", SettingSMTPList_v1},
+    {"ZEVO.Larkpost.Setting.SMTP", "create", SettingSMTPCreate_v1},
+    {"ZEVO.Larkpost.Setting.SMTP", "set", SettingSMTPSet_v1},
+    {"ZEVO.Larkpost.Setting.SMTP", "delete", SettingSMTPDelete_v1},
+    {"ZEVO.Larkpost.Setting.SMTP", "set_default", SettingSMTPSetDefault_v1},
+    {"ZEVO.Larkpost.Setting.POP3", "getinfo", SettingPOP3GetInfo_v1},
+    {"ZEVO.Larkpost.Setting.POP3", "list", SettingPOP3List_v1},
+    {"ZEVO.Larkpost.Setting.POP3", "create", SettingPOP3Create_v1},
+    {"ZEVO.Larkpost.Setting.POP3", "set", SettingPOP3Set_v1},
+    {"ZEVO.Larkpost.Setting.POP3", "delete", SettingPOP3Delete_v1},
+    {"ZEVO.Larkpost.Setting.ForwardReply", "get", SettingForwardReplyGet_v1},
+    {"ZEVO.Larkpost.Setting.ForwardReply", "set", SettingForwardReplySet_v1},
+    {"ZEVO.Larkpost.AdminSetting.POP3", "get", AdminSettingPOP3Get_v1},
+    {"ZEVO.Larkpost.AdminSetting.POP3", "set", AdminSettingPOP3Set_v1},
 };
+static_assert(sizeof(kRows) / sizeof(kRows[0]) == 67, "the table holds every method");
 constexpr size_t kRowCount = sizeof(kRows) / sizeof(kRows[0]);
 
 TEST(ApiTableTest, RowsAreInTheirFixedOrder) {
