@@ -142,6 +142,27 @@ TEST_F(FetchTest, DeletesOnTheServerOnlyWhatIsStored) {
   EXPECT_EQ(Stored(remove).last_error, "");
 }
 
+TEST_F(FetchTest, FetchedMailGoesThroughTheUsersFilters) {
+  db().Exec(
+      "INSERT INTO mail_filter(position, condition_set, action_set) VALUES"
+      " (1, '{\"condition\":[[4,\"offer\",false]],\"match_any\":false}',"
+      "  '{\"action\":[[8,\"\"]]}'),"
+      " (2, '{\"condition\":[[4,\"report\",false]],\"match_any\":false}',"
+      "  '{\"action\":[[1,\"\"]]}')");
+  Pop3Server server;
+  server.Add("offer", Message("offer", clock_.now()));
+  server.Add("report", Message("report", clock_.now()));
+  server.Add("hello", Message("hello", clock_.now()));
+  Account account;
+  account.delete_after_fetch = true;
+  fetch::FetchOutcome outcome = Fetch(AddAccount(server.port(), account));
+  EXPECT_EQ(outcome.error, "");
+  EXPECT_EQ(outcome.stored, 2);  // a rule deleted the offer
+  EXPECT_EQ(Subjects(kInbox), Texts{"hello"});
+  EXPECT_EQ(Subjects(kArchived), Texts{"report"});
+  EXPECT_EQ(server.uidls(), Texts{});  // all three were taken
+}
+
 TEST_F(FetchTest, PassDaysLimitTheFirstFetchOnly) {
   Pop3Server server;
   server.Add("old", Message("old", clock_.now() - 10 * kDay));

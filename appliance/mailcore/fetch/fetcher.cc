@@ -119,7 +119,9 @@ std::string Fetch(control::Controller& controller, const store::Pop3Account& acc
     message.mailbox_id = mailbox_id;
     try {
       // Filters, forwarding and the vacation reply apply as to any new mail.
-      store::Deliver(controller, message);
+      // A message that a rule deleted or that was forwarded without a copy
+      // is taken from the server all the same, but not counted as stored.
+      if (store::Deliver(controller, message).id > 0) ++*stored;
       // In a transaction of its own: a forward without a copy stores
       // nothing to go with it. Should the process die just before, the
       // message would come again, never be lost.
@@ -128,7 +130,6 @@ std::string Fetch(control::Controller& controller, const store::Pop3Account& acc
       return "storing message " + uidl + " failed (error " + std::to_string(error.ErrorCode()) +
              "); it stays on the server";
     }
-    ++*stored;
     if (account.delete_after_fetch && !client.Delete(number)) break;
   }
   return client.error();
@@ -141,7 +142,15 @@ FetchOutcome FetchAccount(control::Controller& controller, int account_id,
   FetchOutcome outcome;
   outcome.account_id = account_id;
   store::Database& db = controller.impl().db();
-  const std::optional<store::Pop3Account> account = store::LoadPop3Account(db, account_id);
+  std::optional<store::Pop3Account> account;
+  try {
+    account = store::LoadPop3Account(db, account_id);
+  } catch (const Error& error) {
+    // A password that does not open under the data root's key (logged).
+    outcome.error = "POP3 account " + std::to_string(account_id) + " cannot be read (error " +
+                    std::to_string(error.ErrorCode()) + ")";
+    return outcome;
+  }
   if (!account) {
     outcome.error = "no POP3 account " + std::to_string(account_id);
     return outcome;
