@@ -3,6 +3,7 @@
 //
 //   # a comment
 //   @user alice                      log in as alice (created on first use)
+//   @admin root                      the same, for an administrator
 //   @deliver mail/reply-1.eml        larkpostctl deliver of a fixture
 //   > ZEVO.Larkpost.Mailbox create {"name": "Work"}
 //   < {"success": true, "data": {"id": 8}}
@@ -82,9 +83,9 @@ TEST_P(ApiCasesTest, Run) {
     std::string rest;
     std::getline(words, rest);
     rest.erase(0, rest.find_first_not_of(' '));
-    if (verb == "@user") {
+    if (verb == "@user" || verb == "@admin") {
       user = rest;
-      root.AddUser(user, "secret");
+      root.AddUser(user, "secret", verb == "@admin");
       sid = root.Login(user, "secret")["sid"].asString();
     } else if (verb == "@deliver") {
       ProcessResult result =

@@ -25,6 +25,9 @@ namespace record = ornic::larkpost::record;
 using SettingTest = HandlerTest;
 
 const char kSession[] = "Controller 1026 sid-alice";
+const char kOk[] = R"({"success": true})";
+const char kBad[] = R"({"success": false, "error": {"code": 120}})";
+const char kFailed[] = R"({"success": false, "error": {"code": 117}})";
 const char kSync2[] = "Syncer::TriggerSync 2";
 const char kNoGeneral[] =
     "conversations_per_page=- display_external_image=- mark_as_read_time=- enable_signature=- "
@@ -61,331 +64,224 @@ class SettingCases : public SettingTest {
 };
 
 TEST_F(SettingCases, GeneralSetMarksWhatWasSentAndRefusesAnyBadValue) {
-  const char ok[] = R"({"success": true})";
-  const char bad[] = R"({"success": false, "error": {"code": 120}})";
   const std::string set = "SettingControl::SetGeneralSetting ";
-  Check({
-      {SettingGeneralSet_v1, "{}", ok, {set + kNoGeneral, kSync2}, {}},
-      {SettingGeneralSet_v1,
-       R"({"conversations_per_page": 50, "mark_as_read_time": 10, "composer_fontsize": "12pt",
-           "composer_forecolor": "", "codepage": "utf8", "theme": 3, "enable_signature": false})",
-       ok,
-       {set + "conversations_per_page=50 display_external_image=- mark_as_read_time=10 "
-              "enable_signature=false update_interval_time=- split_pane_mode=- "
-              "preview_layout=- theme=3 composer_fontname=- composer_fontsize='12pt' "
-              "composer_forecolor='' codepage='utf8'",
-        kSync2},
-       {}},
-  });
-  for (const char* good :
-       {R"({"conversations_per_page": 25})", R"({"conversations_per_page": 100})",
-        R"({"mark_as_read_time": 0})", R"({"mark_as_read_time": 1})", R"({"mark_as_read_time": 3})",
-        R"({"composer_fontsize": ""})", R"({"composer_forecolor": "#A0b"})"}) {
-    fake::core().calls.clear();
-    EXPECT_EQ(AsSent(Run(SettingGeneralSet_v1, J(good))), J(ok)) << good;
-  }
-  for (const char* refused :
-       {R"({"conversations_per_page": 30})", R"({"mark_as_read_time": 2})",
-        R"({"mark_as_read_time": -1})", R"({"composer_fontsize": "012pt"})",
-        R"({"composer_fontsize": "12"})", R"({"composer_fontsize": "12 pt"})",
-        R"({"composer_fontsize": "12ptx"})", R"({"composer_forecolor": "red"})",
-        R"({"codepage": null})", R"({"display_external_image": "true"})",
-        R"({"theme": 1, "conversations_per_page": 30, "codepage": "big5"})"}) {
-    Check({{SettingGeneralSet_v1, refused, bad, {}, {}}});
-  }
-  fake::core().failures["SettingControl::SetGeneralSetting"] = 0;
-  Check({{SettingGeneralSet_v1,
-          "{}",
-          R"({"success": false, "error": {"code": 117}})",
-          {set + kNoGeneral},
+  Check({{SettingGeneralSet_v1, "{}", kOk, {set + kNoGeneral, kSync2}, {}},
+         {SettingGeneralSet_v1,
+          R"({"conversations_per_page": 50, "mark_as_read_time": 10, "composer_fontsize": "12pt",
+              "composer_forecolor": "", "codepage": "utf8", "theme": 3, "enable_signature": false})",
+          kOk,
+          {set + "conversations_per_page=50 display_external_image=- mark_as_read_time=10 "
+                 "enable_signature=false update_interval_time=- split_pane_mode=- "
+                 "preview_layout=- theme=3 composer_fontname=- composer_fontsize='12pt' "
+                 "composer_forecolor='' codepage='utf8'",
+           kSync2},
           {}}});
+  for (const char* good : {R"({"conversations_per_page": 25})", R"({"mark_as_read_time": 0})",
+                           R"({"mark_as_read_time": 1})", R"({"mark_as_read_time": 3})",
+                           R"({"composer_fontsize": ""})", R"({"composer_forecolor": "#A0b"})"}) {
+    EXPECT_EQ(Run(SettingGeneralSet_v1, J(good)), J(kOk)) << good;
+  }
+  ExpectRefused(SettingGeneralSet_v1, 120,
+                {R"({"conversations_per_page": 30})", R"({"mark_as_read_time": 2})",
+                 R"({"mark_as_read_time": -1})", R"({"composer_fontsize": "012pt"})",
+                 R"({"composer_fontsize": "12"})", R"({"composer_fontsize": "12 pt"})",
+                 R"({"composer_fontsize": "12ptx"})", R"({"composer_forecolor": "red"})",
+                 R"({"codepage": null})", R"({"display_external_image": "true"})",
+                 R"({"theme": 1, "conversations_per_page": 30, "codepage": "big5"})"});
+  fake::core().failures["SettingControl::SetGeneralSetting"] = 0;
+  Check({{SettingGeneralSet_v1, "{}", kFailed, {set + kNoGeneral}, {}}});
 }
 
 TEST_F(SettingCases, SMTPCreateAndSetKeepTheirAsymmetries) {
-  const char bad[] = R"({"success": false, "error": {"code": 120}})";
-  const char failed[] = R"({"success": false, "error": {"code": 117}})";
-  const std::string create = "SettingControl::CreateSMTP ";
-  const char full[] =
-      R"({"display_name": "Ann", "mail": "ann@example.org", "host_name": "smtp.example.org",
-          "port": 465, "user_name": "ann", "password": "s3cret", "connection_type": 1,
-          "signature": "-- Ann"})";
-  const char minimal[] =
+  const std::string minimal =
       R"({"display_name": "Ann", "mail": "ann@example.org", "host_name": "h", "port": 25,
           "connection_type": 0})";
-  Check({
-      {SettingSMTPCreate_v1,
-       full,
-       R"({"success": true, "data": {"id": 100}})",
-       {create + "display_name='Ann' mail='ann@example.org' host_name='smtp.example.org' "
-                 "port=465 user_name='ann' password='s3cret' connection_type=1 "
-                 "signature='-- Ann'",
-        kSync2},
-       {}},
-      {SettingSMTPCreate_v1,
-       minimal,
-       R"({"success": true, "data": {"id": 100}})",
-       {create + "display_name='Ann' mail='ann@example.org' host_name='h' port=25 user_name=- "
-                 "password=- connection_type=0 signature=-",
-        kSync2},
-       {}},
-      {SettingSMTPCreate_v1,
-       R"({"display_name": "A", "mail": "a@b", "host_name": "h",
-                                 "connection_type": 0})",
-       bad,
-       {},
-       {}},
-      {SettingSMTPCreate_v1,
-       R"({"display_name": "A", "mail": "a@b", "host_name": "h",
-                                 "port": 25})",
-       bad,
-       {},
-       {}},
-      {SettingSMTPCreate_v1,
-       R"({"display_name": "A", "mail": "a@b", "host_name": "h",
-                                 "port": 25, "connection_type": 0, "signature": ""})",
-       bad,
-       {},
-       {}},
-      {SettingSMTPCreate_v1,
-       R"({"display_name": "A", "mail": "a@b", "host_name": "h",
-                                 "port": 25, "connection_type": 0, "user_name": ""})",
-       bad,
-       {},
-       {}},
-      {SettingSMTPCreate_v1,
-       R"({"display_name": "", "mail": "a@b", "host_name": "h",
-                                 "port": 25, "connection_type": 0})",
-       bad,
-       {},
-       {}},
-      {SettingSMTPCreate_v1,
-       R"({"display_name": "A", "mail": "a@b", "host_name": "h",
-                                 "port": "25", "connection_type": 0})",
-       bad,
-       {},
-       {}},
-      // "set" clears a signature or a login name with an empty text.
-      {SettingSMTPSet_v1,
-       R"({"id": 7})",
-       R"({"success": true})",
-       {"SettingControl::ModifySMTP 7 " + std::string(kNoSMTP), kSync2},
-       {}},
-      {SettingSMTPSet_v1,
-       R"({"id": 7, "signature": "", "user_name": "", "port": 587})",
-       R"({"success": true})",
-       {"SettingControl::ModifySMTP 7 display_name=- mail=- host_name=- port=587 user_name='' "
-        "password=- connection_type=- signature=''",
-        kSync2},
-       {}},
-      {SettingSMTPSet_v1, R"({"id": -1})", bad, {}, {}},
-      {SettingSMTPSet_v1, R"({"signature": "x"})", bad, {}, {}},
-      {SettingSMTPSet_v1, R"({"id": 7, "mail": ""})", bad, {}, {}},
-  });
-  fake::core().next_id = 0;
+  const std::string create_minimal =
+      "SettingControl::CreateSMTP display_name='Ann' mail='ann@example.org' host_name='h' "
+      "port=25 user_name=- password=- connection_type=0 signature=-";
   Check({{SettingSMTPCreate_v1,
+          R"({"display_name": "Ann", "mail": "ann@example.org", "host_name": "smtp.example.org",
+              "port": 465, "user_name": "ann", "password": "s3cret", "connection_type": 1,
+              "signature": "-- Ann"})",
+          R"({"success": true, "data": {"id": 100}})",
+          {"SettingControl::CreateSMTP display_name='Ann' mail='ann@example.org' "
+           "host_name='smtp.example.org' port=465 user_name='ann' password='s3cret' "
+           "connection_type=1 signature='-- Ann'",
+           kSync2},
+          {}},
+         {SettingSMTPCreate_v1,
           minimal,
-          failed,
-          {create + "display_name='Ann' mail='ann@example.org' "
-                    "host_name='h' port=25 user_name=- password=- "
-                    "connection_type=0 signature=-"},
-          {}}});
-  fake::core().failures["SettingControl::ModifySMTP"] = 0;
-  Check({{SettingSMTPSet_v1,
+          R"({"success": true, "data": {"id": 100}})",
+          {create_minimal, kSync2},
+          {}},
+         // "set" clears a signature or a login name with an empty text.
+         {SettingSMTPSet_v1,
           R"({"id": 7})",
-          failed,
+          kOk,
+          {"SettingControl::ModifySMTP 7 " + std::string(kNoSMTP), kSync2},
+          {}},
+         {SettingSMTPSet_v1,
+          R"({"id": 7, "signature": "", "user_name": "", "port": 587})",
+          kOk,
+          {"SettingControl::ModifySMTP 7 display_name=- mail=- host_name=- port=587 "
+           "user_name='' password=- connection_type=- signature=''",
+           kSync2},
+          {}}});
+  ExpectRefused(SettingSMTPCreate_v1, 120,
+                {R"({"display_name": "A", "mail": "a@b", "host_name": "h", "connection_type": 0})",
+                 R"({"display_name": "A", "mail": "a@b", "host_name": "h", "port": 25})",
+                 R"({"display_name": "A", "mail": "a@b", "host_name": "h", "port": 25,
+                     "connection_type": 0, "signature": ""})",
+                 R"({"display_name": "A", "mail": "a@b", "host_name": "h", "port": 25,
+                     "connection_type": 0, "user_name": ""})"});
+  ExpectRefused(SettingSMTPSet_v1, 120,
+                {R"({"id": -1})", R"({"signature": "x"})", R"({"id": 7, "mail": ""})"});
+  fake::core().next_id = 0;
+  fake::core().failures["SettingControl::ModifySMTP"] = 0;
+  Check({{SettingSMTPCreate_v1, minimal, kFailed, {create_minimal}, {}},
+         {SettingSMTPSet_v1,
+          R"({"id": 7})",
+          kFailed,
           {"SettingControl::ModifySMTP 7 " + std::string(kNoSMTP)},
           {"set failed"}}});
 }
 
-TEST_F(SettingTest, SMTPDeleteAndSetDefaultLogTheirFailures) {
+TEST_F(SettingTest, DeletesAndSetDefaultLogTheirRefusals) {
   const std::vector<std::string> sync = {kSync2};
   ExpectChange(SettingSMTPDelete_v1, R"({"id": [3, 4]})", "SettingControl::DeleteSMTP [3,4]",
                "setting", "delete failed", sync);
   ExpectChange(SettingSMTPSetDefault_v1, R"({"id": 0})", "SettingControl::SetDefaultSMTP 0",
                "setting", "SetDefaultSMTP failed", sync);
+  fake::core().enable_pop3 = true;
   for (auto [handler, params] : std::vector<std::pair<ZEVO::APIHandler, const char*>>{
            {SettingSMTPDelete_v1, R"({"id": null})"},
            {SettingSMTPDelete_v1, R"({"id": [0]})"},
-           {SettingSMTPDelete_v1, "{}"},
            {SettingSMTPSetDefault_v1, R"({"id": -1})"},
            {SettingSMTPSetDefault_v1, R"({"id": "3"})"},
            {SettingPOP3Delete_v1, R"({"id": [1, "2"]})"}}) {
-    fake::core().enable_pop3 = true;
-    fake::core().calls.clear();
     fake::ResetSystemLog();
     EXPECT_EQ(Run(handler, J(params)), ErrorAnswer(120)) << params;
     EXPECT_THAT(Logged("setting"), ElementsAre("parameter invalid")) << params;
-    EXPECT_THAT(fake::CallsStartingWith("Syncer::"), IsEmpty());
   }
+  EXPECT_THAT(fake::CallsStartingWith("Syncer::"), IsEmpty());
 }
 
 TEST_F(SettingCases, POP3RefusesEverythingButGetInfoWhilePolicyIsOff) {
-  const char bad[] = R"({"success": false, "error": {"code": 120}})";
   const char asked[] = "SettingControl::IsEnablePOP3";
-  Check({
-      {SettingPOP3GetInfo_v1,
-       "{}",
-       R"({"success": true, "data": {"enable_pop3": false}})",
-       {asked},
-       {}},
-      {SettingPOP3List_v1, "{}", bad, {asked}, {}},
-      {SettingPOP3Create_v1, "{}", bad, {asked}, {}},
-      {SettingPOP3Set_v1, R"({"id": 2})", bad, {asked}, {}},
-      {SettingPOP3Delete_v1, R"({"id": [2]})", bad, {asked}, {}},
-  });
+  Check({{SettingPOP3GetInfo_v1,
+          "{}",
+          R"({"success": true, "data": {"enable_pop3": false}})",
+          {asked},
+          {}},
+         {SettingPOP3List_v1, "{}", kBad, {asked}, {}},
+         {SettingPOP3Create_v1, "{}", kBad, {asked}, {}},
+         {SettingPOP3Set_v1, R"({"id": 2})", kBad, {asked}, {}},
+         {SettingPOP3Delete_v1, R"({"id": [2]})", kBad, {asked}, {}}});
 }
 
 TEST_F(SettingCases, POP3TakesFetchPassDaysOnlyOnCreate) {
   fake::core().enable_pop3 = true;
-  const char bad[] = R"({"success": false, "error": {"code": 120}})";
   const char asked[] = "SettingControl::IsEnablePOP3";
   const std::string account =
-      R"("mail": "ann@example.net", "server_provider": 2, "host_name": "pop.example.net",
-         "port": 995, "user_name": "ann", "enable_ssl": true, "delete_after_fetch": false,
-         "mailbox_path": "INBOX/Net")";
-  const std::string no_pop3 =
-      "mail=- server_provider=- host_name=- port=- user_name=- password=- enable_ssl=- "
-      "delete_after_fetch=- mailbox_path=- fetch_pass_days=-";
-  Check({
-      {SettingPOP3GetInfo_v1,
-       "{}",
-       R"({"success": true, "data": {"enable_pop3": true}})",
-       {asked},
-       {}},
-      {SettingPOP3Create_v1,
-       ("{" + account + R"(, "password": "", "fetch_pass_days": 30})"),
-       R"({"success": true, "data": {"id": 100}})",
-       {asked,
-        "SettingControl::CreatePOP3 mail='ann@example.net' server_provider=2 "
-        "host_name='pop.example.net' port=995 user_name='ann' password='' enable_ssl=true "
-        "delete_after_fetch=false mailbox_path='INBOX/Net' fetch_pass_days=30",
-        kSync2},
-       {}},
-      {SettingPOP3Create_v1, ("{" + account + R"(, "password": "p"})"), bad, {asked}, {}},
-      {SettingPOP3Create_v1,
-       R"({"mail": "a@b", "server_provider": 0, "host_name": "h", "port": 110, "user_name": "",
-           "password": "p", "enable_ssl": false, "delete_after_fetch": false,
-           "mailbox_path": "INBOX", "fetch_pass_days": 0})",
-       bad,
-       {asked},
-       {}},
-      {SettingPOP3Set_v1,
-       R"({"id": 4, "fetch_pass_days": 7})",
-       R"({"success": true})",
-       {asked, "SettingControl::ModifyPOP3 4 " + no_pop3, kSync2},
-       {}},
-      {SettingPOP3Set_v1, R"({"id": 4, "enable_ssl": "yes"})", bad, {asked}, {}},
-      {SettingPOP3Delete_v1,
-       R"({"id": [4]})",
-       R"({"success": true})",
-       {asked, "SettingControl::DeletePOP3 [4]", kSync2},
-       {}},
-  });
+      R"({"mail": "ann@example.net", "server_provider": 2, "host_name": "pop.example.net",
+          "port": 995, "user_name": "ann", "enable_ssl": true, "delete_after_fetch": false,
+          "mailbox_path": "INBOX/Net", "password": "")";
+  const std::string create =
+      "SettingControl::CreatePOP3 mail='ann@example.net' server_provider=2 "
+      "host_name='pop.example.net' port=995 user_name='ann' password='' enable_ssl=true "
+      "delete_after_fetch=false mailbox_path='INBOX/Net' fetch_pass_days=30";
+  const std::string modify =
+      "SettingControl::ModifyPOP3 4 mail=- server_provider=- host_name=- port=- user_name=- "
+      "password=- enable_ssl=- delete_after_fetch=- mailbox_path=- fetch_pass_days=-";
+  Check(
+      {{SettingPOP3GetInfo_v1,
+        "{}",
+        R"({"success": true, "data": {"enable_pop3": true}})",
+        {asked},
+        {}},
+       {SettingPOP3Create_v1,
+        account + R"(, "fetch_pass_days": 30})",
+        R"({"success": true, "data": {"id": 100}})",
+        {asked, create, kSync2},
+        {}},
+       {SettingPOP3Create_v1, account + "}", kBad, {asked}, {}},
+       {SettingPOP3Create_v1,
+        account + R"(, "fetch_pass_days": 30, "user_name": ""})",
+        kBad,
+        {asked},
+        {}},
+       {SettingPOP3Set_v1, R"({"id": 4, "fetch_pass_days": 7})", kOk, {asked, modify, kSync2}, {}},
+       {SettingPOP3Delete_v1,
+        R"({"id": [4]})",
+        kOk,
+        {asked, "SettingControl::DeletePOP3 [4]", kSync2},
+        {}}});
   fake::core().next_id = -1;
   fake::core().failures["SettingControl::ModifyPOP3"] = 0;
   fake::core().failures["SettingControl::DeletePOP3"] = 0;
-  const char failed[] = R"({"success": false, "error": {"code": 117}})";
-  Check({
-      {SettingPOP3Create_v1,
-       ("{" + account + R"(, "password": "", "fetch_pass_days": 0})"),
-       failed,
-       {asked,
-        "SettingControl::CreatePOP3 mail='ann@example.net' server_provider=2 "
-        "host_name='pop.example.net' port=995 user_name='ann' password='' enable_ssl=true "
-        "delete_after_fetch=false mailbox_path='INBOX/Net' fetch_pass_days=0"},
-       {}},
-      {SettingPOP3Set_v1,
-       R"({"id": 4})",
-       failed,
-       {asked, "SettingControl::ModifyPOP3 4 " + no_pop3},
-       {"set failed"}},
-      {SettingPOP3Delete_v1,
-       R"({"id": [4]})",
-       failed,
-       {asked, "SettingControl::DeletePOP3 [4]"},
-       {"delete failed"}},
-  });
+  Check({{SettingPOP3Create_v1,
+          account + R"(, "fetch_pass_days": 30})",
+          kFailed,
+          {asked, create},
+          {}},
+         {SettingPOP3Set_v1, R"({"id": 4})", kFailed, {asked, modify}, {"set failed"}},
+         {SettingPOP3Delete_v1,
+          R"({"id": [4]})",
+          kFailed,
+          {asked, "SettingControl::DeletePOP3 [4]"},
+          {"delete failed"}}});
 }
 
 TEST_F(SettingCases, ForwardReplyUsesSyncTypeThree) {
-  const char bad[] = R"({"success": false, "error": {"code": 120}})";
-  const char failed[] = R"({"success": false, "error": {"code": 117}})";
   const char get[] = "SettingControl::GetForwardReply";
   const char fwd_valid[] = "ForwardConfig::IsValid";
   const char reply_valid[] = "ReplyConfig::IsValid";
-  Check({
-      {SettingForwardReplyGet_v1,
-       "{}",
-       R"({"success": true, "data": {"forward_enable": false, "forward_addr": "",
-           "keep_copy": false, "reply_enable": false, "reply_begin_time": 0,
-           "reply_end_time": 0, "subject": "", "message": ""}})",
-       {get, fwd_valid, reply_valid},
-       {}},
-      {SettingForwardReplySet_v1,
-       R"({"forward_enable": true, "forward_addr": "me@example.net", "keep_copy": true,
-           "reply_enable": true, "reply_begin_time": 4102444800, "reply_end_time": 4102531200,
-           "subject": "Away", "message": "Back soon"})",
-       R"({"success": true})",
-       {fwd_valid, reply_valid,
-        "SettingControl::SetForwardReply forward_enable=true forward_addr='me@example.net' "
-        "keep_copy=true reply_enable=true reply_begin_time=4102444800 "
-        "reply_end_time=4102531200 subject='Away' message='Back soon'",
-        "Syncer::TriggerSync 3"},
-       {}},
-      {SettingForwardReplySet_v1,
-       R"({"forward_enable": false, "reply_enable": false})",
-       R"({"success": true})",
-       {fwd_valid, reply_valid,
-        "SettingControl::SetForwardReply forward_enable=false forward_addr=- keep_copy=- "
-        "reply_enable=false reply_begin_time=- reply_end_time=- subject=- message=-",
-        "Syncer::TriggerSync 3"},
-       {}},
-      {SettingForwardReplySet_v1, R"({"forward_enable": false})", bad, {}, {"parameter invalid"}},
-      {SettingForwardReplySet_v1, R"({"reply_enable": false})", bad, {}, {"parameter invalid"}},
-      {SettingForwardReplySet_v1,
-       R"({"forward_enable": false, "reply_enable": true,
-                                      "subject": ""})",
-       bad,
-       {},
-       {"parameter invalid"}},
-      {SettingForwardReplySet_v1,
-       R"({"forward_enable": true, "reply_enable": false,
-                                      "forward_addr": ""})",
-       bad,
-       {},
-       {"parameter invalid"}},
-      {SettingForwardReplySet_v1,
-       R"({"forward_enable": false, "reply_enable": true,
-                                      "reply_begin_time": "5"})",
-       bad,
-       {},
-       {"parameter invalid"}},
-  });
-  fake::core().forward.forward_enable = true;
+  const char both[] = R"({"forward_enable": false, "reply_enable": false})";
+  const std::string store_both =
+      "SettingControl::SetForwardReply forward_enable=false forward_addr=- keep_copy=- "
+      "reply_enable=false reply_begin_time=- reply_end_time=- subject=- message=-";
   fake::core().forward.forward_addr.Set("me@example.net");
   fake::core().reply.reply_end_time.Set(4102531200);
   Check({{SettingForwardReplyGet_v1,
           "{}",
-          R"({"success": true, "data": {"forward_enable": true, "forward_addr": "me@example.net",
+          R"({"success": true, "data": {"forward_enable": false, "forward_addr": "me@example.net",
               "keep_copy": false, "reply_enable": false, "reply_begin_time": 0,
               "reply_end_time": 4102531200, "subject": "", "message": ""}})",
           {get, fwd_valid, reply_valid},
+          {}},
+         {SettingForwardReplySet_v1,
+          R"({"forward_enable": true, "forward_addr": "me@example.net", "keep_copy": true,
+              "reply_enable": true, "reply_begin_time": 4102444800, "reply_end_time": 4102531200,
+              "subject": "Away", "message": "Back soon"})",
+          kOk,
+          {fwd_valid, reply_valid,
+           "SettingControl::SetForwardReply forward_enable=true forward_addr='me@example.net' "
+           "keep_copy=true reply_enable=true reply_begin_time=4102444800 "
+           "reply_end_time=4102531200 subject='Away' message='Back soon'",
+           "Syncer::TriggerSync 3"},
+          {}},
+         {SettingForwardReplySet_v1,
+          both,
+          kOk,
+          {fwd_valid, reply_valid, store_both, "Syncer::TriggerSync 3"},
           {}}});
-
-  const char both[] = R"({"forward_enable": false, "reply_enable": false})";
-  const std::string store =
-      "SettingControl::SetForwardReply forward_enable=false forward_addr=- keep_copy=- "
-      "reply_enable=false reply_begin_time=- reply_end_time=- subject=- message=-";
+  for (const char* refused :
+       {R"({"forward_enable": false})", R"({"reply_enable": false})",
+        R"({"forward_enable": false, "reply_enable": true, "subject": ""})",
+        R"({"forward_enable": true, "reply_enable": false, "forward_addr": ""})",
+        R"({"forward_enable": false, "reply_enable": true, "reply_begin_time": "5"})"}) {
+    Check({{SettingForwardReplySet_v1, refused, kBad, {}, {"parameter invalid"}}});
+  }
   fake::core().failures["SettingControl::SetForwardReply"] = 0;
-  Check({{SettingForwardReplySet_v1, both, failed, {fwd_valid, reply_valid, store}, {}}});
+  Check({{SettingForwardReplySet_v1, both, kFailed, {fwd_valid, reply_valid, store_both}, {}}});
   fake::core().failures = {{reply_valid, 0}};
-  Check({{SettingForwardReplySet_v1, both, bad, {fwd_valid, reply_valid}, {"parameter invalid"}},
-         {SettingForwardReplyGet_v1, "{}", failed, {get, fwd_valid, reply_valid}, {}}});
+  Check({{SettingForwardReplySet_v1, both, kBad, {fwd_valid, reply_valid}, {"parameter invalid"}},
+         {SettingForwardReplyGet_v1, "{}", kFailed, {get, fwd_valid, reply_valid}, {}}});
   fake::core().failures = {{fwd_valid, 0}};
-  Check({{SettingForwardReplySet_v1, both, bad, {fwd_valid}, {"parameter invalid"}},
-         {SettingForwardReplyGet_v1, "{}", failed, {get, fwd_valid}, {}}});
+  Check({{SettingForwardReplySet_v1, both, kBad, {fwd_valid}, {"parameter invalid"}},
+         {SettingForwardReplyGet_v1, "{}", kFailed, {get, fwd_valid}, {}}});
   fake::core().failures = {{get, 0}};
-  Check({{SettingForwardReplyGet_v1, "{}", failed, {get}, {}}});
+  Check({{SettingForwardReplyGet_v1, "{}", kFailed, {get}, {}}});
 }
 
 TEST_F(SettingTest, ListsConvertEveryAccountWithoutSecrets) {
@@ -442,11 +338,11 @@ TEST_F(SettingTest, AdminPolicyOfTheCallersDomain) {
     return all;
   };
   const std::string set = "global_control::SetPOP3Config example.org ";
-  EXPECT_EQ(Run(AdminSettingPOP3Set_v1, J(R"({"enable_pop3": false})")), J(R"({"success": true})"));
+  EXPECT_EQ(Run(AdminSettingPOP3Set_v1, J(R"({"enable_pop3": false})")), J(kOk));
   EXPECT_EQ(fake::core().calls, calls_after(set + "enable_pop3=false pop3_fetch_period=-"));
   fake::core().calls.clear();
   EXPECT_EQ(Run(AdminSettingPOP3Set_v1, J(R"({"enable_pop3": true, "pop3_fetch_period": 30})")),
-            J(R"({"success": true})"));
+            J(kOk));
   EXPECT_EQ(fake::core().calls, calls_after(set + "enable_pop3=true pop3_fetch_period=30"));
   fake::core().calls.clear();
   const Json::Value got = Run(AdminSettingPOP3Get_v1);
