@@ -17,7 +17,7 @@ using store::Database;
 using store::Statement;
 
 bool IsAddress(const std::string& text) {
-  const std::string& address = MailAddress(text).GetEmail();
+  const std::string address = MailAddress(text).GetEmail();
   return address.find('@') != std::string::npos;
 }
 
