@@ -23,8 +23,9 @@ int main(int argc, char** argv) {
   }
   for (int i = 1; i <= count; ++i) {
     const std::string n = std::to_string(i);
-    server.Add("bench-" + n, "From: Carol <carol@example.net>\nTo: bench@example.org\nSubject: Report " +
-                                 n + "\nMessage-ID: <" + n + "@bench.example.net>\n\n" + body);
+    server.Add("bench-" + n,
+               "From: Carol <carol@example.net>\nTo: bench@example.org\nSubject: Report " + n +
+                   "\nMessage-ID: <" + n + "@bench.example.net>\n\n" + body);
   }
   std::printf("%u\n", server.port());
   std::fflush(stdout);
