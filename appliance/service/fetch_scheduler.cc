@@ -53,6 +53,7 @@ FetchScheduler::~FetchScheduler() {
     std::lock_guard<std::mutex> lock(mutex_);
     stop_ = true;
   }
+  stopping_ = true;
   wake_.notify_all();
   thread_.join();
 }
@@ -108,7 +109,10 @@ int64_t FetchScheduler::Round(const std::set<uint32_t>& requested) {
       for (const store::Pop3Account& account : store::LoadPop3Accounts(controller.impl().db())) {
         const int64_t due = account.last_fetch_time + policy.period_minutes * 60;
         if (all || due <= appliance::UnixTime()) {
-          LogFetch(user.uid, ornic::larkpost::fetch::FetchAccount(controller, account.id));
+          if (stopping_) break;
+          ornic::larkpost::fetch::FetchOptions options;
+          options.stop = &stopping_;
+          LogFetch(user.uid, ornic::larkpost::fetch::FetchAccount(controller, account.id, options));
           const int64_t again = appliance::UnixTime() + policy.period_minutes * 60;
           next = next == 0 ? again : std::min(next, again);
         } else {

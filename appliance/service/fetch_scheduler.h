@@ -6,6 +6,7 @@
 // is ever fetched twice at once, whoever else fetches it.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -26,7 +27,8 @@ class FetchScheduler {
   // `policy_of` reads the policy of a user domain; it runs on the
   // scheduler's thread.
   explicit FetchScheduler(std::function<FetchPolicy(const std::string& domain)> policy_of);
-  // Stops after the account being fetched and joins the thread.
+  // Ends the fetch under way (its message stays on the server) and joins
+  // the thread.
   ~FetchScheduler();
   FetchScheduler(const FetchScheduler&) = delete;
   FetchScheduler& operator=(const FetchScheduler&) = delete;
@@ -41,6 +43,7 @@ class FetchScheduler {
   int64_t Round(const std::set<uint32_t>& requested);
 
   std::function<FetchPolicy(const std::string&)> policy_of_;
+  std::atomic<bool> stopping_{false};  // ends a fetch under way
   std::mutex mutex_;
   std::condition_variable wake_;
   std::set<uint32_t> requested_;

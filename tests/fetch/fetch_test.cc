@@ -5,6 +5,7 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <ctime>
 #include <string>
 #include <vector>
@@ -186,6 +187,8 @@ TEST_F(FetchTest, FailuresStoreNothingAndAreKept) {
   refusing.RefuseLogin();
   Pop3Server wrong_password;
   wrong_password.Add("y", Message("y", clock_.now()));
+  Pop3Server stopping;
+  stopping.Add("s", Message("s", clock_.now()));
   Pop3Server untrusted(Pop3Server::Tls::kStartTls, kCert, kKey);
   untrusted.Add("z", Message("z", clock_.now()));
   uint16_t closed_port;
@@ -199,11 +202,13 @@ TEST_F(FetchTest, FailuresStoreNothingAndAreKept) {
     std::string password;
     std::string ca_file;
     std::string error_part;
+    bool stop = false;  // the service is stopping
   } cases[] = {
       {"login refused", refusing.port(), "secret", kCert, "-ERR [AUTH] Authentication failed"},
       {"wrong password", wrong_password.port(), "guess", kCert, "-ERR [AUTH]"},
       {"certificate not trusted", untrusted.port(), "secret", "/dev/null", "127.0.0.1:"},
       {"nobody listening", closed_port, "secret", kCert, "127.0.0.1:"},
+      {"service stopping", stopping.port(), "secret", kCert, "aborted", true},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -211,7 +216,9 @@ TEST_F(FetchTest, FailuresStoreNothingAndAreKept) {
     Account settings;
     settings.password = c.password;
     const int account = AddAccount(c.port, settings);
-    fetch::FetchOutcome outcome = Fetch(account, c.ca_file);
+    const std::atomic<bool> stop{c.stop};
+    fetch::FetchOutcome outcome =
+        fetch::FetchAccount(controller(), account, fetch::FetchOptions{c.ca_file, &stop});
     EXPECT_EQ(outcome.stored, 0);
     EXPECT_NE(outcome.error.find(c.error_part), std::string::npos) << outcome.error;
     EXPECT_EQ(outcome.error.find("guess"), std::string::npos);
@@ -225,6 +232,7 @@ TEST_F(FetchTest, FailuresStoreNothingAndAreKept) {
   EXPECT_EQ(Query("SELECT count(*) FROM message"), 0);
   EXPECT_EQ(Query("SELECT count(*) FROM pop3_uidl"), 0);
   EXPECT_EQ(refusing.uidls(), Texts{"x"});
+  EXPECT_EQ(stopping.uidls(), Texts{"s"});
   EXPECT_EQ(untrusted.tls_sessions(), 0);
 }
 

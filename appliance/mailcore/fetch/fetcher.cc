@@ -86,6 +86,7 @@ std::string Fetch(control::Controller& controller, const store::Pop3Account& acc
   server.user_name = account.user_name;
   server.password = account.password;
   server.ca_file = options.ca_file;
+  server.stop = options.stop;
   Pop3Client client(server);
   std::vector<std::pair<int, std::string>> listing;
   if (!client.ListUidls(&listing)) return client.error();
@@ -107,6 +108,7 @@ std::string Fetch(control::Controller& controller, const store::Pop3Account& acc
       if (account.delete_after_fetch && !client.Delete(number)) break;
       continue;
     }
+    if (options.stop != nullptr && *options.stop) return "stopped before the end of the maildrop";
     std::string raw;
     if (!client.Retrieve(number, &raw)) break;
     store::NewMessage message = mime::ParseMessage(std::move(raw), now);

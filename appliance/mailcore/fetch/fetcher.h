@@ -10,6 +10,7 @@
 // attempt and its error ("" when it went through).
 #pragma once
 
+#include <atomic>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,9 @@ namespace ornic::larkpost::fetch {
 
 struct FetchOptions {
   std::string ca_file;  // "" : the system's certificate authorities
+  // When set and it turns true, the fetch ends soon: the message under way
+  // is dropped (it stays on the server), the account's error says so.
+  const std::atomic<bool>* stop = nullptr;
 };
 
 struct FetchOutcome {

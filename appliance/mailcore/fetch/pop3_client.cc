@@ -48,6 +48,10 @@ bool IsConnectFailure(CURLcode result) {
   }
 }
 
+int CheckStop(void* stop, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+  return static_cast<const std::atomic<bool>*>(stop)->load() ? 1 : 0;
+}
+
 // Whether the server has not closed the session's connection. A closed
 // TCP connection reads as its end for good, whatever came before it, so a
 // peek tells; data waiting (with TLS, perhaps a closing alert) cannot be
@@ -94,6 +98,11 @@ Pop3Client::Pop3Client(const Pop3Server& server) : server_(server) {
   curl_easy_setopt(c, CURLOPT_LOW_SPEED_LIMIT, 1L);
   curl_easy_setopt(c, CURLOPT_LOW_SPEED_TIME, server.stall_timeout);
   curl_easy_setopt(c, CURLOPT_WRITEFUNCTION, Collect);
+  if (server.stop != nullptr) {
+    curl_easy_setopt(c, CURLOPT_NOPROGRESS, 0L);
+    curl_easy_setopt(c, CURLOPT_XFERINFOFUNCTION, CheckStop);
+    curl_easy_setopt(c, CURLOPT_XFERINFODATA, server.stop);
+  }
 }
 
 Pop3Client::~Pop3Client() = default;

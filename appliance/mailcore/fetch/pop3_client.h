@@ -6,6 +6,7 @@
 
 #include <curl/curl.h>
 
+#include <atomic>
 #include <memory>
 #include <string>
 #include <utility>
@@ -22,6 +23,8 @@ struct Pop3Server {
   std::string user_name;
   std::string password;
   std::string ca_file;  // "" : the system's certificate authorities
+  // When set and it turns true, the command under way is abandoned.
+  const std::atomic<bool>* stop = nullptr;
   // Seconds: to connect; for any one reply; without a byte coming.
   long connect_timeout = 15;
   long reply_timeout = 60;
