@@ -8,7 +8,7 @@ packages=(
   libjsoncpp-dev libpcre3-dev libprotobuf-dev protobuf-compiler
   libsqlite3-dev libsodium-dev libgmime-3.0-dev libgumbo-dev
   libexif-dev libmagickwand-dev libarchive-dev
-  lighttpd curl libcurl4-openssl-dev sqlite3 unzip python3
+  lighttpd curl libcurl4-openssl-dev libssl-dev sqlite3 unzip python3
   libgtest-dev libgmock-dev libbenchmark-dev wrk
 )
 

@@ -488,6 +488,33 @@ constexpr Migration kMigrations[] = {
      "CREATE TABLE vacation_reply("
      " sender TEXT PRIMARY KEY,"
      " replied_at INTEGER NOT NULL) WITHOUT ROWID;"},
+    {8,
+     // POP3 fetch accounts. The password is kept sealed (secret box). What
+     // the last fetch did is kept for a client: last_fetch_time (Unix
+     // seconds of the last attempt, 0: never), last_error ("" after a fetch
+     // that went through). fetch_pass_days limits the first fetch only;
+     // first_fetch_done says whether it happened.
+     "CREATE TABLE pop3_account("
+     " id INTEGER PRIMARY KEY AUTOINCREMENT,"
+     " mail TEXT NOT NULL,"
+     " server_provider INTEGER NOT NULL DEFAULT 0,"
+     " host_name TEXT NOT NULL,"
+     " port INTEGER NOT NULL,"
+     " user_name TEXT NOT NULL DEFAULT '',"
+     " password TEXT NOT NULL DEFAULT '',"
+     " enable_ssl INTEGER NOT NULL DEFAULT 0,"
+     " delete_after_fetch INTEGER NOT NULL DEFAULT 0,"
+     " mailbox_path TEXT NOT NULL DEFAULT '',"
+     " fetch_pass_days INTEGER NOT NULL DEFAULT 0,"
+     " first_fetch_done INTEGER NOT NULL DEFAULT 0,"
+     " last_fetch_time INTEGER NOT NULL DEFAULT 0,"
+     " last_error TEXT NOT NULL DEFAULT '');"
+     // The UIDLs of the messages an account took from its server (stored,
+     // forwarded, or passed over by the first fetch): never fetched again.
+     "CREATE TABLE pop3_uidl("
+     " account_id INTEGER NOT NULL REFERENCES pop3_account(id) ON DELETE CASCADE,"
+     " uidl TEXT NOT NULL,"
+     " PRIMARY KEY (account_id, uidl)) WITHOUT ROWID;"},
 };
 
 // The triggers of migration 2 name the built-in mailboxes by number.

@@ -3,11 +3,13 @@
 #include <string>
 
 #include "appliance/mailcore/controller_impl.h"
+#include "appliance/mailcore/service_channel.h"
 #include "appliance/system/appliance.h"
 #include "appliance/system/clock.h"
 #include "appliance/system/log_file.h"
 #include "platform/mailcore/error.h"
 #include "platform/zevo/notify.h"
+#include "proto/fetch.pb.h"
 
 namespace ornic::larkpost::control {
 namespace {
@@ -30,10 +32,11 @@ static_assert(sizeof kBuiltins / sizeof kBuiltins[0] == constant::kBuiltinMailbo
 Syncer::Syncer(Controller& controller) : controller_(controller) {}
 
 // Every request is recorded in <root>/log/sync.log as "<unix time> <uid>
-// <type>". No background work is attached to any of the four types yet:
-// filters, labels, settings and forwarding live only in the user's store,
-// so there is nothing to bring up to date. The work that a type needs will
-// be started here, after the request is recorded.
+// <type>". Settings (type 2) may have added or changed a POP3 account: the
+// background service is asked to fetch the user's accounts at once (it
+// fetches only while the administrator's policy allows it). The other
+// types need no background work: filters, labels and forwarding live
+// only in the user's store and apply at delivery.
 void Syncer::TriggerSync(constant::SyncType type) {
   if (type < constant::kSyncFilter || type > constant::kSyncForwardReply) {
     store::LogError("sync", __LINE__, "unknown sync type " + std::to_string(type));
@@ -45,6 +48,19 @@ void Syncer::TriggerSync(constant::SyncType type) {
   if (!::larkpost::appliance::AppendLine(path, line)) {
     store::LogError("sync", __LINE__, "cannot append to " + path);
     throw Error(kErrorStorage);
+  }
+  if (type == constant::kSyncSetting) {
+    proto::Request request;
+    request.set_uid(controller_.uid());
+    request.MutableExtension(proto::FetchNowRequest::fetch_now);
+    proto::Response response;
+    // Not waited for beyond the service's queueing: without a service the
+    // accounts are fetched when it runs again.
+    if (!service::Call(request, &response, 500)) {
+      store::LogError("sync", __LINE__,
+                      "the background service did not take the fetch request of user " +
+                          std::to_string(controller_.uid()));
+    }
   }
 }
 

@@ -35,11 +35,15 @@
 
 #include "appliance/mailcore/filter_run.h"
 #include "appliance/mailcore/service_channel.h"
+#include "appliance/service/fetch_scheduler.h"
 #include "appliance/service/task_queue.h"
 #include "appliance/system/appliance.h"
 #include "appliance/system/clock.h"
 #include "appliance/system/log_file.h"
 #include "platform/mailcore/control.h"
+#include "platform/mailcore/error.h"
+#include "platform/mailcore/global_setting.h"
+#include "proto/fetch.pb.h"
 #include "proto/task.pb.h"
 
 namespace larkpost::service {
@@ -47,6 +51,21 @@ namespace {
 
 namespace proto = ornic::larkpost::proto;
 namespace channel = ornic::larkpost::service;
+
+// The administrator's POP3 policy of a user domain; off when it cannot be
+// read.
+FetchPolicy PolicyOf(const std::string& domain) {
+  try {
+    const ornic::larkpost::record::GlobalPOP3Config policy =
+        ornic::larkpost::global_control::SettingControl(domain).GetPOP3Config();
+    if (!policy.IsValid()) return {};
+    return {policy.enable_pop3, policy.pop3_fetch_period};
+  } catch (const ornic::Error& e) {
+    syslog(LOG_ERR, "the POP3 policy of %s cannot be read: error %d", domain.c_str(),
+           e.ErrorCode());
+    return {};
+  }
+}
 
 // A filter task as the queue runs it.
 class FilterJob : public Job {
@@ -119,7 +138,7 @@ proto::GetTaskStatusResponse::Status StatusValue(TaskState state) {
   }
 }
 
-proto::Response Handle(TaskQueue& queue, const proto::Request& request) {
+proto::Response Handle(TaskQueue& queue, FetchScheduler& fetching, const proto::Request& request) {
   proto::Response response;
   if (!request.has_uid()) {
     response.set_code(proto::Response::BAD_REQUEST);
@@ -147,6 +166,9 @@ proto::Response Handle(TaskQueue& queue, const proto::Request& request) {
     answer->set_status(StatusValue(status.state));
     answer->set_progress(status.progress);
     answer->set_total(status.total);
+  } else if (request.HasExtension(proto::FetchNowRequest::fetch_now)) {
+    fetching.FetchNow(uid);
+    response.MutableExtension(proto::FetchNowResponse::fetch_now);
   } else if (request.HasExtension(proto::CancelTaskRequest::cancel_task)) {
     bool cancelled =
         queue.Cancel(uid, request.GetExtension(proto::CancelTaskRequest::cancel_task).task_key());
@@ -157,7 +179,7 @@ proto::Response Handle(TaskQueue& queue, const proto::Request& request) {
   return response;
 }
 
-void Serve(TaskQueue& queue, int connection) {
+void Serve(TaskQueue& queue, FetchScheduler& fetching, int connection) {
   ucred peer{};
   socklen_t size = sizeof peer;
   // Only the appliance's own processes (the web server's user) ask.
@@ -170,7 +192,7 @@ void Serve(TaskQueue& queue, int connection) {
   std::string bytes;
   proto::Request request;
   if (!channel::ReadFrame(connection, &bytes) || !request.ParseFromString(bytes)) return;
-  proto::Response response = Handle(queue, request);
+  proto::Response response = Handle(queue, fetching, request);
   if (response.SerializeToString(&bytes)) channel::WriteFrame(connection, bytes);
 }
 
@@ -247,6 +269,7 @@ int Main() {
 
   TaskQueue queue(TaskQueue::Limits{},
                   [] { return ornic::larkpost::control::RandomString("", 32); });
+  FetchScheduler fetching(PolicyOf);
   std::vector<std::thread> workers;
   for (size_t i = 0; i < TaskQueue::Limits{}.running; ++i) {
     workers.emplace_back([&queue] {
@@ -264,7 +287,7 @@ int Main() {
     if (wait[0].revents != 0) {
       const int connection = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
       if (connection >= 0) {
-        Serve(queue, connection);
+        Serve(queue, fetching, connection);
         close(connection);
       } else if (errno == EMFILE || errno == ENFILE) {
         usleep(100 * 1000);

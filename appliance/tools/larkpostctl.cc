@@ -71,10 +71,14 @@ constexpr char kUsage[] =
     "  import NAME [--mailbox PATH] SOURCE...\n"
     "      store the messages of mbox files, Maildir folders or single message\n"
     "      files for user NAME; prints how many were stored\n"
+    "  fetch NAME\n"
+    "      fetch the mail of user NAME's POP3 accounts now; prints how many\n"
+    "      messages were stored (an account's error goes to standard error)\n"
     "  serve [--listen HOST:PORT] [--no-preload]\n"
     "      run the web server in the foreground (default 127.0.0.1:8080; IPv6 as\n"
     "      [::1]:8080), and beside it the mail core's background service\n"
-    "      (filter tasks), started again if it dies; Ctrl-C stops both\n"
+    "      (filter tasks, POP3 fetching), started again if it dies; Ctrl-C stops\n"
+    "      both\n"
     "  check NAME|--all\n"
     "      check the mail store of user NAME (or of every user) and the user's\n"
     "      application folders; one line per finding, \"NAME: ok\" when sound,\n"
@@ -297,11 +301,8 @@ struct Command {
 };
 
 constexpr Command kCommands[] = {
-    {"user", User},
-    {"deliver", Deliver},
-    {"import", Import},
-    {"serve", Serve},
-    {"check", Check},
+    {"user", User},   {"deliver", Deliver}, {"import", Import},
+    {"fetch", Fetch}, {"serve", Serve},     {"check", Check},
 };
 
 int Main(int argc, char** argv) {

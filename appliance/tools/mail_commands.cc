@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "appliance/mailcore/delivery.h"
+#include "appliance/mailcore/fetch/fetcher.h"
 #include "appliance/mailcore/message_store.h"
 #include "appliance/mailcore/mime/mail_source.h"
 #include "appliance/mailcore/mime/mime_parser.h"
@@ -283,6 +284,31 @@ int Import(const Args& args) {
     ImportStopped(Describe(error), stored, read);
   } catch (const std::runtime_error& error) {
     ImportStopped(error.what(), stored, read);
+  }
+}
+
+int Fetch(const Args& args) {
+  MailArgs words = ReadArgs("fetch", args, false);
+  if (!words.mailbox.empty()) throw UsageError("fetch: --mailbox is the account's own setting");
+  try {
+    MailStore user(words.user);
+    int stored = 0;
+    bool failed = false;
+    for (const ornic::larkpost::fetch::FetchOutcome& outcome :
+         ornic::larkpost::fetch::FetchAllAccounts(user.controller())) {
+      stored += outcome.stored;
+      if (outcome.busy) {
+        std::cerr << "fetch: account " << outcome.account_id
+                  << " is being fetched by another process; skipped\n";
+      } else if (!outcome.error.empty()) {
+        std::cerr << "fetch: account " << outcome.account_id << ": " << outcome.error << "\n";
+        failed = true;
+      }
+    }
+    std::cout << stored << "\n";
+    return failed ? 1 : 0;
+  } catch (const ornic::Error& error) {
+    throw std::runtime_error(Describe(error));
   }
 }
 

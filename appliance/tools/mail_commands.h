@@ -14,4 +14,10 @@ int Deliver(const Args& args);
 // (mbox files, Maildir folders, message files); prints how many it stored.
 int Import(const Args& args);
 
+// fetch NAME: every POP3 account of the user, now (whatever the
+// administrator's policy: this is the operator's own call); prints how many
+// messages it stored. An account that failed is named on standard error,
+// with what its server said, and the command ends with status 1.
+int Fetch(const Args& args);
+
 }  // namespace larkpost::tools
