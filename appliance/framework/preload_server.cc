@@ -180,6 +180,8 @@ void ShowAs(const std::string& name, char* cmdline, size_t cmdline_size) {
   // still does on its way out; and the request leaves the count in service
   // (an exit can take a while: the sanitizers check for leaks).
   close(1);
+  // A server gone meanwhile is no reason to die before the status is sent.
+  std::signal(SIGPIPE, SIG_IGN);
   const pid_t done = -getpid();
   if (write(taken, &done, sizeof(done)) != sizeof(done)) {
     // reaping counts it out instead
