@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 
+#include "appliance/framework/request_limits.h"
 #include "appliance/framework/text.h"
 
 namespace larkpost::cgi {
@@ -33,6 +34,10 @@ class Sink {
  public:
   explicit Sink(int fd) : fd_(fd) {}
   void Write(std::string_view data) {
+    if (!claimed_) {
+      claimed_ = true;
+      ok_ = ClaimAnswer();
+    }
     while (ok_ && !data.empty()) {
       const ssize_t written = write(fd_, data.data(), data.size());
       if (written < 0 && errno == EINTR) continue;
@@ -47,6 +52,7 @@ class Sink {
  private:
   int fd_;
   bool ok_ = true;
+  bool claimed_ = false;
 };
 
 bool IsTokenChar(unsigned char c) {

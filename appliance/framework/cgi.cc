@@ -14,6 +14,7 @@
 
 #include "appliance/framework/answer_relay.h"
 #include "appliance/framework/multipart.h"
+#include "appliance/framework/request_limits.h"
 #include "appliance/framework/text.h"
 #include "appliance/system/appliance.h"
 #include "platform/zevo/webapi.h"
@@ -377,11 +378,17 @@ EntryRequest DecodeEntryRequest(const Environment& env, std::istream& body,
 
 std::string BuildAnswer(const Json::Value& envelope, const std::vector<std::string>& headers) {
   const std::string body = ZEVO::WebAPIUtil::ToString(envelope);
-  // A body refused for its size is refused in HTTP terms too: a client or a
-  // proxy that stops sending on 413 need not parse the envelope to know why.
-  const bool too_large = envelope.isObject() && envelope["error"].isObject() &&
-                         envelope["error"]["code"] == kErrorTooLarge;
-  std::string answer = too_large ? "Status: 413 Payload Too Large\r\n" : "";
+  // A body refused for its size, or a request refused for the host's load,
+  // is refused in HTTP terms too: a client or a proxy that stops sending on
+  // 413, or retries on 503, need not parse the envelope to know why.
+  const Json::Value code = envelope.isObject() && envelope["error"].isObject()
+                               ? envelope["error"]["code"]
+                               : Json::Value();
+  std::string answer;
+  if (code == kErrorTooLarge) answer = "Status: 413 Payload Too Large\r\n";
+  if (code == kErrorBusy || code == kErrorTimeLimit) {
+    answer = "Status: 503 Service Unavailable\r\n";
+  }
   answer += "Content-Type: application/json; charset=utf-8\r\n";
   answer += kHostHeaders;
   answer += "Content-Length: " + std::to_string(body.size()) + "\r\n";
@@ -470,6 +477,7 @@ Json::Value ErrorEnvelope(int code) {
 }
 
 void WriteAnswer(const std::string& answer) {
+  if (!ClaimAnswer()) return;  // the time limit answered; this process is ending
   std::cout.flush();
   std::fflush(stdout);
   std::string_view rest = answer;

@@ -26,6 +26,8 @@ enum HostError : int {
   kErrorBadVersion = 104,      // the version is not declared (or not a positive integer)
   kErrorNotAdmin = 105,        // an administrator's API called by another user
   kErrorTooLarge = 107,        // the request body exceeds the configured limit
+  kErrorBusy = 108,            // too many requests in service: try again after Retry-After
+  kErrorTimeLimit = 109,       // the request ran past its time limit and was ended
   kErrorNoSession = 119,       // no valid session, or a missing or wrong token
   kErrorBadText = 120,         // a parameter's text is not valid UTF-8 or holds a NUL
   kErrorLoginFailed = 400,     // unknown account or wrong password

@@ -10,16 +10,31 @@
 // none; argv[0] then stays theirs.
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <string>
 
 #include "appliance/framework/host.h"
+#include "appliance/framework/request_limits.h"
+#include "appliance/system/appliance.h"
 
 int main(int argc, char** argv) {
   using larkpost::cgi::RunAuthProgram;
   using larkpost::cgi::RunEntryProgram;
   const std::string mode = argc >= 2 ? argv[1] : "";
-  if (argc == 2 && mode == "entry") return RunEntryProgram();
-  if (argc == 2 && mode == "auth") return RunAuthProgram();
+  if (argc == 2 && (mode == "entry" || mode == "auth")) {
+    // Without the preloaded host, the web server's own connection limit is
+    // the only bound on how many run; the time limit is the same.
+    larkpost::appliance::Config limits;
+    try {
+      limits = larkpost::appliance::GetConfig();
+    } catch (const std::exception&) {
+      // the request reports it
+    }
+    larkpost::cgi::StartTimeLimit(limits.request_time_limit);
+    const int status = mode == "entry" ? RunEntryProgram() : RunAuthProgram();
+    larkpost::cgi::StopTimeLimit();
+    return status;
+  }
   if (argc == 3 && mode == "serve") {
     // The argument strings lie one after the other: the area that
     // /proc/self/cmdline shows.

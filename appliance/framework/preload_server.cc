@@ -3,9 +3,15 @@
 // a state no earlier request touched (the server never serves one itself),
 // so a crash, a leak or a stuck request stays with that request; what it
 // saves is starting a program and loading a dozen libraries every time.
+//
+// A flood degrades, it does not topple: a request that finds the configured
+// number ("max_requests") already in service is answered 503 at once, with
+// Retry-After, instead of waiting in a queue that grows with the flood; and
+// each request runs within its time limit ("request_time_limit").
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -15,22 +21,35 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <new>
+#include <set>
 #include <string>
 #include <vector>
 
+#include "appliance/framework/cgi.h"
 #include "appliance/framework/host.h"
 #include "appliance/framework/preload_protocol.h"
+#include "appliance/framework/request_limits.h"
+#include "appliance/system/appliance.h"
 
 namespace larkpost::cgi {
 namespace {
 
 volatile sig_atomic_t stop_requested = 0;
+
+// The number of requests in service (processes that took a connection and
+// have not ended), kept by the server in memory it shares with its
+// children. Only one spare waits at a time, and the server counts it in
+// before it forks the next: a spare that reads this as it takes a
+// connection (before it tells the server) reads the others.
+std::atomic<int>* in_service = nullptr;
 
 void RequestStop(int) { stop_requested = 1; }
 
@@ -104,7 +123,9 @@ void ShowAs(const std::string& name, char* cmdline, size_t cmdline_size) {
 
 // The child's whole life: becomes the CGI process the client would have
 // been, serves the request, reports the exit status.
-[[noreturn]] void ServeConnection(int connection, char* cmdline, size_t cmdline_size) {
+// `busy`: the number of other requests in service when this one came.
+[[noreturn]] void ServeConnection(int connection, int taken, int busy, char* cmdline,
+                                  size_t cmdline_size) {
   PreloadHeader header{};
   int descriptors[3] = {-1, -1, -1};
   if (!ReceiveHeader(connection, header, descriptors)) {
@@ -137,12 +158,34 @@ void ShowAs(const std::string& name, char* cmdline, size_t cmdline_size) {
   ShowAs(name.empty() ? (header.program == 'e' ? "entry.cgi" : "auth.cgi") : name, cmdline,
          cmdline_size);
 
-  const int status = header.program == 'e' ? RunEntryProgram() : RunAuthProgram();
+  // Read as the request would: a broken configuration is the request's to
+  // report, with the bounds at their defaults meanwhile.
+  appliance::Config limits;
+  try {
+    limits = appliance::GetConfig();
+  } catch (const std::exception&) {
+  }
+  int status = 0;
+  if (busy >= limits.max_requests) {
+    WriteAnswer(BuildAnswer(ErrorEnvelope(kErrorBusy), {"Retry-After: 1"}));
+    Log("busy: " + std::to_string(busy) + " requests in service, one refused");
+  } else {
+    StartTimeLimit(limits.request_time_limit);
+    status = header.program == 'e' ? RunEntryProgram() : RunAuthProgram();
+  }
   std::cout.flush();
   std::fflush(stdout);
+  StopTimeLimit();
   // The answer ends here for the web server, whatever else this process
-  // still does on its way out.
+  // still does on its way out; and the request leaves the count in service
+  // (an exit can take a while: the sanitizers check for leaks).
   close(1);
+  // A server gone meanwhile is no reason to die before the status is sent.
+  std::signal(SIGPIPE, SIG_IGN);
+  const pid_t done = -getpid();
+  if (write(taken, &done, sizeof(done)) != sizeof(done)) {
+    // reaping counts it out instead
+  }
   size_t sent = 0;
   while (sent < sizeof(status)) {
     const ssize_t n =
@@ -203,13 +246,14 @@ __attribute__((no_sanitize("address", "undefined"))) void TouchWritablePages() {
     socklen_t peer_size = sizeof(peer);
     if (getsockopt(connection, SOL_SOCKET, SO_PEERCRED, &peer, &peer_size) == 0 &&
         (peer.uid == getuid() || peer.uid == 0)) {
+      // Read before the server hears of this one and counts it in.
+      const int busy = in_service->load();
       const pid_t self = getpid();
       if (write(taken, &self, sizeof(self)) != sizeof(self)) _exit(1);
-      close(taken);
       close(listener);
       // From here on the request is this process's, whatever the server does.
       prctl(PR_SET_PDEATHSIG, 0);
-      ServeConnection(connection, cmdline, cmdline_size);
+      ServeConnection(connection, taken, busy, cmdline, cmdline_size);
     }
     close(connection);
   }
@@ -258,6 +302,14 @@ int ServePreloaded(const std::string& socket_path, char* cmdline, size_t cmdline
   std::signal(SIGPIPE, SIG_IGN);
 
   PreloadPlugin();
+  void* shared = mmap(nullptr, sizeof(std::atomic<int>), PROT_READ | PROT_WRITE,
+                      MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (shared == MAP_FAILED) {
+    Log(std::string("mmap: ") + std::strerror(errno));
+    return 1;
+  }
+  in_service = new (shared) std::atomic<int>(0);
+  std::set<pid_t> serving;
   const int listener = Listen(socket_path);
   if (listener < 0) return 1;
   int taken[2];
@@ -266,9 +318,12 @@ int ServePreloaded(const std::string& socket_path, char* cmdline, size_t cmdline
     close(listener);
     return 1;
   }
+  // Read until the pipe is empty, whatever woke the loop.
+  fcntl(taken[0], F_SETFL, O_NONBLOCK);
   // One process always waits in accept(), forked ahead of time: a request
   // finds its process ready instead of waiting for a fork. It tells this one
-  // (its pid on the pipe) when it took a connection, and a new one is forked.
+  // (its pid on the pipe) when it took a connection, and a new one is forked;
+  // and (its pid negated) when it answered.
   pid_t spare = 0;
   while (!stop_requested) {
     if (spare == 0) {
@@ -286,14 +341,21 @@ int ServePreloaded(const std::string& socket_path, char* cmdline, size_t cmdline
     }
     pollfd wait{taken[0], POLLIN, 0};
     // The time-out only covers a signal that came just before poll().
-    if (poll(&wait, 1, 1000) > 0) {
-      pid_t took = 0;
-      if (read(taken[0], &took, sizeof(took)) == sizeof(took) && took == spare) spare = 0;
+    poll(&wait, 1, 1000);
+    for (pid_t message = 0; read(taken[0], &message, sizeof(message)) == sizeof(message);) {
+      if (message > 0 && message == spare) {
+        serving.insert(spare);
+        spare = 0;
+      } else if (message < 0) {
+        serving.erase(-message);
+      }
     }
     // Served processes are reaped here; so is a spare that died unused.
     for (pid_t ended; (ended = waitpid(-1, nullptr, WNOHANG)) > 0;) {
       if (ended == spare) spare = 0;
+      serving.erase(ended);
     }
+    in_service->store(static_cast<int>(serving.size()));
   }
   if (spare > 0) kill(spare, SIGTERM);
   close(listener);

@@ -10,7 +10,7 @@ TaskQueue::TaskQueue(Limits limits, std::function<std::string()> make_key)
 
 std::string TaskQueue::Add(uint32_t uid, std::unique_ptr<Job> job) {
   std::lock_guard<std::mutex> lock(mutex_);
-  if (stopping_) return "";
+  if (stopping_ || order_.size() >= limits_.waiting) return "";
   size_t waiting = 0;
   for (const std::string& key : order_) waiting += tasks_.at(key)->uid == uid;
   if (waiting >= limits_.waiting_per_user) return "";

@@ -50,14 +50,17 @@ class TaskQueue {
   struct Limits {
     size_t running = 2;            // tasks running at once, over all users
     size_t waiting_per_user = 16;  // a user's tasks waiting; more are refused
-    size_t remembered = 256;       // ended tasks whose outcome is still told
+    // All users' tasks waiting: many users each within their own limit
+    // must not grow the service without end either.
+    size_t waiting = 256;
+    size_t remembered = 256;  // ended tasks whose outcome is still told
   };
   // `make_key` gives each task its key; it must not repeat (the service's
   // draws 192 random bits).
   TaskQueue(Limits limits, std::function<std::string()> make_key);
 
-  // Queues `job` for `uid`; returns its key, "" when refused (the user has
-  // too many waiting, or the queue is stopping).
+  // Queues `job` for `uid`; returns its key, "" when refused (the user, or
+  // the service as a whole, has too many waiting, or the queue is stopping).
   std::string Add(uint32_t uid, std::unique_ptr<Job> job);
   // The task of `uid` with `key`; kUnknown for another user's key.
   TaskStatus Status(uint32_t uid, const std::string& key);

@@ -44,6 +44,16 @@ struct Config {
   std::string program_prefix;                            // where "/usr/zevo/..." programs live
   int login_failure_delay_ms = 1000;                     // answer delay after a failed login
   int64_t max_request_size = int64_t{64} * 1024 * 1024;  // request body limit, bytes
+  // A flood degrades, it does not topple. Requests in service at once
+  // (more get 503 at once): a 2-core appliance gains nothing from more, and
+  // each one is a process with the plug-in in memory.
+  int max_requests = 32;
+  // Seconds a request's handler may run before it is ended (a client
+  // reading slowly does not count: the web server holds the answer).
+  int request_time_limit = 120;
+  // Seconds a program run by VESLCExecv may take before it is killed; below
+  // the request's own limit, so that the request can still answer.
+  int program_time_limit = 60;
 };
 
 // The configuration, read once per process. Throws std::runtime_error when

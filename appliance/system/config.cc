@@ -131,6 +131,18 @@ Config ParseConfig(const std::string& json_text) {
     config.max_request_size = Integer(root["max_request_size"], "max_request_size", 1,
                                       std::numeric_limits<int64_t>::max());
   }
+  const struct {
+    const char* key;
+    int* value;
+    int64_t high;
+  } bounds[] = {{"max_requests", &config.max_requests, 4096},
+                {"request_time_limit", &config.request_time_limit, 86400},
+                {"program_time_limit", &config.program_time_limit, 86400}};
+  for (const auto& bound : bounds) {
+    if (root.isMember(bound.key)) {
+      *bound.value = static_cast<int>(Integer(root[bound.key], bound.key, 1, bound.high));
+    }
+  }
   return config;
 }
 
@@ -183,6 +195,9 @@ void SaveConfig(const Config& config) {
   root["program_prefix"] = config.program_prefix;
   root["login_failure_delay_ms"] = config.login_failure_delay_ms;
   root["max_request_size"] = Json::Int64(config.max_request_size);
+  root["max_requests"] = config.max_requests;
+  root["request_time_limit"] = config.request_time_limit;
+  root["program_time_limit"] = config.program_time_limit;
 
   Json::StreamWriterBuilder writer;
   writer["indentation"] = "  ";

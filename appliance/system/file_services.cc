@@ -17,12 +17,16 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
+#include <syslog.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdarg>
 #include <cstring>
 #include <exception>
@@ -198,6 +202,9 @@ struct ChildSetup {
   sigset_t none;
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);
+  // A group of its own, so that a program over its time limit is killed
+  // with the processes it started.
+  setpgid(0, 0);
   execve(setup.path, setup.argv, setup.envp);
   const int error = errno;
   ssize_t ignored = write(setup.error_fd, &error, sizeof(error));
@@ -211,6 +218,40 @@ bool WaitFor(pid_t pid, int* status) {
     if (waitpid(pid, status, 0) == pid) return true;
     if (errno != EINTR) return false;
   }
+}
+
+// The configured time a program may take, in milliseconds.
+int ProgramTimeLimitMs() {
+  try {
+    return larkpost::appliance::GetConfig().program_time_limit * 1000;
+  } catch (const std::exception&) {
+    return larkpost::appliance::Config().program_time_limit * 1000;
+  }
+}
+
+// WaitFor, but a program that is still running after `limit_ms` is killed
+// with everything it started (its process group): a hung converter must
+// not hold its request, and the request's process slot, for ever.
+bool WaitWithin(pid_t pid, int limit_ms, int* status, bool* timed_out) {
+  *timed_out = false;
+  const int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+  if (pidfd < 0) return WaitFor(pid, status);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(limit_ms);
+  for (;;) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    pollfd ended{pidfd, POLLIN, 0};
+    const int ready = left.count() <= 0 ? 0 : poll(&ended, 1, static_cast<int>(left.count()));
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready == 0) {
+      *timed_out = true;
+      kill(-pid, SIGKILL);
+      kill(pid, SIGKILL);
+    }
+    break;
+  }
+  close(pidfd);
+  return WaitFor(pid, status);
 }
 
 // The errno that the child's failed exec reported, or 0 once the exec
@@ -277,11 +318,20 @@ int Execute(const char* path, char* const argv[], bool wait) {
     if (grandchild == 0) RunChild(setup);
     _exit(grandchild < 0 ? 1 : 0);
   }
+  if (wait) setpgid(pid, pid);  // whichever of us comes first
   error_write.Close();
   const int exec_error = ExecError(error_read.get());
   int status = 0;
-  if (!WaitFor(pid, &status)) return Fail(VESLC_ERR_EXEC);
+  bool timed_out = false;
+  if (!(wait ? WaitWithin(pid, ProgramTimeLimitMs(), &status, &timed_out)
+             : WaitFor(pid, &status))) {
+    return Fail(VESLC_ERR_EXEC);
+  }
   if (exec_error != 0) return Fail(ErrorFromErrno(exec_error, VESLC_ERR_EXEC));
+  if (timed_out) {
+    syslog(LOG_ERR, "program over its time limit (%d s), killed: %s", ProgramTimeLimitMs() / 1000,
+           program.c_str());
+  }
   if (!wait) {
     return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? Succeed() : Fail(VESLC_ERR_EXEC);
   }

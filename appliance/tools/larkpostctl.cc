@@ -247,6 +247,9 @@ int Serve(const Args& args) {
   settings.data_root = appliance::DataRoot();
   settings.program_dir = ProgramDir();
   settings.max_request_size = config.max_request_size;
+  // Room for browsers that keep several connections open, and for the
+  // refusals beyond the requests in service.
+  settings.max_connections = std::max(128, 8 * config.max_requests);
   settings.environment.emplace_back("LARKPOST_ROOT", settings.data_root);
   for (const char* name : {"LARKPOST_PLUGIN", "ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"}) {
     if (const char* value = getenv(name)) settings.environment.emplace_back(name, value);

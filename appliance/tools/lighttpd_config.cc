@@ -76,6 +76,10 @@ std::string LighttpdConfig(const ServeSettings& settings) {
   text += "server.errorlog = " + path(root + "/log/lighttpd.error.log") + "\n";
   text += "server.upload-dirs = ( " + path(root + "/tmp/lighttpd") + " )\n";
   text += "server.max-request-size = " + std::to_string(request_kb) + "\n";
+  // Beyond this many open connections the kernel's listen queue holds the
+  // rest, at no cost to us; the programs' own bound (503 beyond it) is
+  // what keeps the load in check.
+  text += "server.max-connections = " + std::to_string(settings.max_connections) + "\n";
   text += "server.tag = \"larkpost\"\n";
   text += "index-file.names = ( \"index.html\" )\n";
   text +=

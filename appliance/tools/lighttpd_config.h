@@ -29,6 +29,7 @@ struct ServeSettings {
   std::string data_root;                                         // absolute
   std::string program_dir;                                       // where entry.cgi and auth.cgi are
   int64_t max_request_size = 0;                                  // bytes
+  int max_connections = 256;                                     // open at once
   std::vector<std::pair<std::string, std::string>> environment;  // for the CGI programs
 };
 

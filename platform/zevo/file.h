@@ -44,7 +44,9 @@ ZEVO_PLATFORM_API int ZEVOFileCopy(const char* source, const char* destination,
 // caller's environment. A path that begins with "/usr/zevo/" is looked up
 // below the configured program prefix first. With `wait` non-zero, waits
 // and returns 0 when the program exited with status 0, -1 otherwise; without,
-// returns 0 once the program started.
+// returns 0 once the program started. A waited-for program still running
+// after the configured time limit is killed, with what it started
+// (VESLC_ERR_SIGNAL | SIGKILL).
 ZEVO_PLATFORM_API int VESLCExecv(const char* path, char* const argv[], int wait);
 // The same with the arguments after `path` (argv[1] on) as a list that ends
 // with nullptr; argv[0] is `path`.

@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -96,6 +97,12 @@ class HostTest : public ::testing::TestWithParam<bool> {
   // `extra` adds or replaces variables. Answers all that it wrote.
   std::string Run(const std::string& query, const Env& extra = {}, const std::string& body = "",
                   const char* program = ENTRY_CGI) const {
+    return Finish(Start(query, extra, body, program));
+  }
+
+  // Run in two halves: the request is under way when Start returns.
+  FILE* Start(const std::string& query, const Env& extra = {}, const std::string& body = "",
+              const char* program = ENTRY_CGI) const {
     Env env = {{"LARKPOST_ROOT", root_},
                {"LARKPOST_PLUGIN", TEST_PLUGIN},
                {"REQUEST_METHOD", body.empty() ? "GET" : "POST"},
@@ -112,13 +119,27 @@ class HostTest : public ::testing::TestWithParam<bool> {
     for (const auto& [name, value] : env) command += " " + ShellQuoted(name + "=" + value);
     command += " " + ShellQuoted(program) + " < " + ShellQuoted(root_ + "/stdin");
     FILE* out = popen(command.c_str(), "r");
+    EXPECT_NE(out, nullptr) << command;
+    return out;
+  }
+
+  std::string Finish(FILE* out) const {
     std::string answer;
     char buffer[4096];
-    for (size_t got; (got = std::fread(buffer, 1, sizeof(buffer), out)) > 0;) {
+    for (size_t got; out != nullptr && (got = std::fread(buffer, 1, sizeof(buffer), out)) > 0;) {
       answer.append(buffer, got);
     }
-    EXPECT_EQ(pclose(out), 0) << command;
+    if (out != nullptr) pclose(out);  // the program's status: the answer tells
     return answer;
+  }
+
+  // The number of slow requests that have started.
+  int Started() const {
+    int count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(root_)) {
+      count += entry.path().filename().string().rfind("started-", 0) == 0;
+    }
+    return count;
   }
 
   // A method of the test API, by alice through the session field.
@@ -244,6 +265,48 @@ TEST_P(HostTest, BrokenSetupsAndRefusedRequests) {
   EXPECT_EQ(Body(Run(Echo("echo"), {{"LARKPOST_PLUGIN", root_ + "/broken.so"}})), Error(100));
   WriteConfig("{not json");
   EXPECT_EQ(Body(Run(Echo("echo"))), Error(100));
+}
+
+// A flood degrades: beyond the configured number in service, a request is
+// refused at once, in HTTP terms and in the envelope, while those in bound
+// are served; and a request past its time limit ends with a clean error.
+TEST_P(HostTest, BoundsOnRequestsInServiceAndOnTheirTime) {
+  WriteConfig(R"({"request_time_limit": 1})");
+  const auto seconds_since = [](std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  };
+  const auto start = std::chrono::steady_clock::now();
+  const std::string over_time = Run(Echo("slow") + "&ms=30000");
+  EXPECT_LT(seconds_since(start), 10.0);
+  EXPECT_EQ(over_time.rfind("Status: 503 Service Unavailable\r\n", 0), 0u) << over_time;
+  EXPECT_NE(over_time.find("X-Content-Type-Options: nosniff\r\n"), std::string::npos);
+  EXPECT_EQ(Body(over_time), Error(109));
+  // Within the limit, nothing changes.
+  EXPECT_EQ(Body(Run(Echo("slow") + "&ms=10"))["data"], "slept");
+  if (preloaded_ == 0) return;  // alone, the web server's connection limit bounds them
+
+  WriteConfig(R"({"max_requests": 2})");
+  const int before = Started();
+  FILE* slow[2];
+  for (FILE*& request : slow) request = Start(Echo("slow") + "&ms=3000");
+  for (int i = 0; i < 500 && Started() < before + 2; ++i) usleep(10000);
+  ASSERT_EQ(Started(), before + 2);
+  const auto flood = std::chrono::steady_clock::now();
+  for (int i = 0; i < 3; ++i) {
+    const std::string refused = Run(Echo("echo"));
+    EXPECT_EQ(refused.rfind("Status: 503 Service Unavailable\r\n", 0), 0u) << refused;
+    EXPECT_NE(refused.find("\r\nRetry-After: 1\r\n"), std::string::npos) << refused;
+    EXPECT_NE(refused.find("X-Content-Type-Options: nosniff\r\n"), std::string::npos);
+    EXPECT_EQ(Body(refused), Error(108));
+  }
+  EXPECT_LT(seconds_since(flood), 2.0) << "refused at once, not queued";
+  for (FILE* request : slow) EXPECT_EQ(Body(Finish(request))["data"], "slept");
+  // Their places free again once they ended.
+  Json::Value served;
+  for (int i = 0; i < 100 && !served.isObject(); ++i, usleep(10000)) {
+    served = Body(Run(Echo("echo")))["data"];
+  }
+  EXPECT_EQ(served["user"], "alice");
 }
 
 }  // namespace

@@ -1,10 +1,14 @@
 // A plug-in for the host tests: handlers that answer, throw and write their
 // own CGI answer, and a checker that refuses, so that every path through
 // entry.cgi that needs a plug-in can be driven from a test.
+#include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
+#include <string>
+#include <thread>
 
 #include <unistd.h>
 
@@ -69,6 +73,17 @@ void SilentThrow(ZEVO::APIRequest*, ZEVO::APIResponse* response) {
   throw std::runtime_error("before any answer");
 }
 
+// Leaves a mark that it runs (started-PID in the data root), sleeps "ms"
+// milliseconds and answers: the slow request of the host's bounds.
+void Slow(ZEVO::APIRequest* request, ZEVO::APIResponse* response) {
+  if (const char* root = std::getenv("LARKPOST_ROOT")) {
+    std::ofstream(std::string(root) + "/started-" + std::to_string(getpid()));
+  }
+  std::this_thread::sleep_for(
+      std::chrono::milliseconds(request->GetParamRef("ms", Json::Value(0)).asInt()));
+  response->SetSuccess(Json::Value("slept"));
+}
+
 // Lets the request through only when "ok" is true.
 bool CheckOk(ZEVO::APIRequest* request, ZEVO::APIResponse* response) {
   if (request->GetAndCheckBool("ok", ZEVO::kRequired, nullptr).Get()) return true;
@@ -92,6 +107,7 @@ const ZEVO::APITableEntry gTable[] = {
     {"ZEVO.Test.Echo", 1, "raw_then_throw", RawThenThrow},
     {"ZEVO.Test.Echo", 1, "silent_throw", SilentThrow},
     {"ZEVO.Test.Echo", 1, "checked", Echo},
+    {"ZEVO.Test.Echo", 1, "slow", Slow},
     {"ZEVO.Test.Admin", 1, "echo", Echo},
     // The last row: the host must see it although nothing marks the end.
     {"ZEVO.Test.Custom", 1, "echo", Echo},

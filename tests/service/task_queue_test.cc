@@ -198,6 +198,23 @@ TEST_F(TaskQueueTest, RefusesBeyondTheUsersWaitingLimitAndForgetsTheOldestEnded)
   EXPECT_EQ(queue_.Status(1, last).state, TaskState::kCancelled);
 }
 
+TEST(TaskQueueBoundTest, RefusesBeyondTheOverallWaitingLimit) {
+  TaskQueue::Limits limits;
+  limits.waiting = 3;
+  int keys = 0;
+  TaskQueue queue(limits, [&keys] { return "key" + std::to_string(++keys); });
+  std::vector<std::string> added;
+  // Three users, each far within their own limit; nothing runs them.
+  for (uint32_t uid : {1, 2, 3, 4})
+    added.push_back(queue.Add(uid, std::make_unique<SteppedJob>(1)));
+  EXPECT_NE(added[2], "");
+  EXPECT_EQ(added[3], "");
+  // A place that frees up is taken again.
+  EXPECT_TRUE(queue.Cancel(1, added[0]));
+  EXPECT_NE(queue.Add(4, std::make_unique<SteppedJob>(1)), "");
+  queue.Stop();
+}
+
 TEST_F(TaskQueueTest, StopCancelsRunningTasksAndRefusesNewOnes) {
   StartWorkers(1);
   std::string key;

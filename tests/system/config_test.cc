@@ -23,7 +23,8 @@ TEST(ConfigTest, NamedKeysOverrideTheDefaultsUnknownKeysAreIgnoredAndSavingKeeps
     "mail_server": {"smtp_enabled": "yes", "smtp_hostname": "mx.example.org"},
     "relay": {"port": 2525}, "shares": {"team": "/srv/team \"q\""}, "session_timeout": 60,
     "program_prefix": "/opt/larkpost", "login_failure_delay_ms": 0,
-    "max_request_size": 8589934592, "colour": "blue"})"));
+    "max_request_size": 8589934592, "max_requests": 4, "request_time_limit": 30,
+    "colour": "blue"})"));
   EXPECT_EQ(root.Read("etc/larkpost.json.tmp." + std::to_string(getpid())), "");
   const Config& config = GetConfig();
   EXPECT_EQ(config.mail_server, (Strings{{"smtp_enabled", "yes"},
@@ -35,6 +36,9 @@ TEST(ConfigTest, NamedKeysOverrideTheDefaultsUnknownKeysAreIgnoredAndSavingKeeps
   EXPECT_EQ(config.program_prefix, "/opt/larkpost");
   EXPECT_EQ(config.login_failure_delay_ms, 0);
   EXPECT_EQ(config.max_request_size, 8589934592LL);
+  EXPECT_EQ(config.max_requests, 4);
+  EXPECT_EQ(config.request_time_limit, 30);
+  EXPECT_EQ(config.program_time_limit, 60);
 }
 
 TEST(ParseConfigTest, RefusalNamesTheKeyAtFault) {
@@ -53,7 +57,9 @@ TEST(ParseConfigTest, RefusalNamesTheKeyAtFault) {
       {R"({"session_timeout": 0})", "\"session_timeout\""},
       {R"({"program_prefix": null})", "\"program_prefix\""},
       {R"({"login_failure_delay_ms": -1})", "\"login_failure_delay_ms\""},
-      {R"({"max_request_size": "64M"})", "\"max_request_size\""}};
+      {R"({"max_request_size": "64M"})", "\"max_request_size\""},
+      {R"({"max_requests": 0})", "\"max_requests\""},
+      {R"({"program_time_limit": 1.5})", "\"program_time_limit\""}};
   for (const auto& [json, key] : cases) {
     try {
       ParseConfig(json);

@@ -12,9 +12,11 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <fstream>
 #include <functional>
 #include <random>
 #include <set>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -331,6 +333,27 @@ TEST_F(FileServicesTest, WaitingSurvivesSignalsAndStartingLeavesNoChildBehind) {
   errno = 0;
   EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
   EXPECT_EQ(errno, ECHILD) << "a child is left to reap";
+}
+
+TEST_F(FileServicesTest, AProgramOverItsTimeLimitIsKilledWithWhatItStarted) {
+  root_.Write("etc/larkpost.json", R"({"program_time_limit": 1})");
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(Shell("sleep 30 & echo $! > \"$1\"; wait", {Path("pid")}), -1);
+  EXPECT_EQ(VESLCErrGet(), unsigned{VESLC_ERR_SIGNAL | SIGKILL});
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+  // The program's own child went with it (a zombie waiting for init is gone).
+  const std::string stat = "/proc/" + std::to_string(std::stoi(root_.Read("pid"))) + "/stat";
+  std::string state;
+  for (int i = 0; i < 200; ++i) {
+    std::ostringstream text;
+    text << std::ifstream(stat).rdbuf();
+    state = text.str();
+    if (state.empty() || state.find(") Z") != std::string::npos) break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  EXPECT_TRUE(state.empty() || state.find(") Z") != std::string::npos) << state;
+  // Within the limit, nothing changes.
+  EXPECT_EQ(Shell("exit 0"), 0);
 }
 
 TEST_F(FileServicesTest, ZevoPathsRunTheProgramsBelowThePrefix) {

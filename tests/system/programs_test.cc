@@ -388,4 +388,17 @@ TEST_F(ProgramsTest, ZipRefusalsSayWhyAndLeaveNoArchive) {
   }
 }
 
+TEST_F(ProgramsTest, ZipPastTheFileSizeLimitFailsAndLeavesNoArchive) {
+  // Random bytes do not compress: the archive outgrows a 64 KiB limit.
+  std::string noise(256 * 1024, '\0');
+  std::mt19937 random(7);
+  for (char& c : noise) c = static_cast<char>(random());
+  root_.Write("big/noise.bin", noise);
+  const Outcome outcome = Run("/bin/sh", {"-c", "ulimit -f 128; exec \"$0\" \"$@\"", ZIP_PROGRAM,
+                                          "-jr", Path("out.zip"), Path("big")});
+  EXPECT_EQ(outcome.status, 1) << outcome.errors;
+  EXPECT_EQ(outcome.errors.rfind("zip: ", 0), 0u) << outcome.errors;
+  EXPECT_EQ(Listing(), (std::set<std::string>{"big"}));
+}
+
 }  // namespace

@@ -28,8 +28,11 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <iconv.h>
+#include <limits.h>
 #include <locale.h>
+#include <signal.h>
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -48,6 +51,51 @@
 namespace {
 
 constexpr size_t kBlock = size_t{64} * 1024;
+
+// What one archive may cost. It reads mail content that strangers sent:
+// whatever is in it, the program ends, within a bounded memory, and never
+// fills the disk.
+constexpr rlim_t kCpuSeconds = 120;
+constexpr rlim_t kLargestArchive = rlim_t{4} * 1024 * 1024 * 1024;
+constexpr rlim_t kAddressSpace = rlim_t{1024} * 1024 * 1024;
+
+// The temporary archives being written, for a program stopped for its CPU
+// time: it removes them on its way out, as a failure does.
+char g_temporaries[2][PATH_MAX];
+
+extern "C" void StopForCpuTime(int) {
+  for (const char* path : g_temporaries) {
+    if (path[0] != '\0') unlink(path);
+  }
+  static const char kMessage[] = "zip: stopped: over its CPU time limit\n";
+  ssize_t ignored = write(STDERR_FILENO, kMessage, sizeof(kMessage) - 1);
+  (void)ignored;
+  _exit(1);
+}
+
+// Lowers a limit (never raises one that the caller set lower).
+void Limit(int resource, rlim_t value) {
+  struct rlimit limit = {};
+  if (getrlimit(resource, &limit) != 0) return;
+  limit.rlim_cur = std::min(limit.rlim_cur, value);
+  limit.rlim_max = std::min(limit.rlim_max, value + (resource == RLIMIT_CPU ? 5 : 0));
+  setrlimit(resource, &limit);
+}
+
+void LimitResources() {
+  // At the soft CPU limit SIGXCPU ends the program cleanly; the hard one,
+  // a little later, kills it whatever it does.
+  signal(SIGXCPU, StopForCpuTime);
+  Limit(RLIMIT_CPU, kCpuSeconds);
+  // A write past the size limit fails (EFBIG) instead of killing: the
+  // failure path removes the temporary archive.
+  signal(SIGXFSZ, SIG_IGN);
+  Limit(RLIMIT_FSIZE, kLargestArchive);
+  Limit(RLIMIT_CORE, 0);
+#ifndef __SANITIZE_ADDRESS__
+  Limit(RLIMIT_AS, kAddressSpace);
+#endif
+}
 
 // A refusal of the command line (exit 2) or a failure (exit 1).
 struct Failure : std::runtime_error {
@@ -283,10 +331,18 @@ class Output {
                  ".zip-XXXXXX";
     fd_ = mkostemp(temporary_.data(), O_CLOEXEC);
     if (fd_ < 0) Fail(ErrnoText("cannot write beside", archive_));
+    for (char* slot : g_temporaries) {
+      if (slot[0] == '\0' && temporary_.size() < PATH_MAX) {
+        std::memcpy(slot, temporary_.c_str(), temporary_.size() + 1);
+        slot_ = slot;
+        break;
+      }
+    }
   }
   ~Output() {
     if (fd_ >= 0) close(fd_);
     if (!committed_) unlink(temporary_.c_str());
+    if (slot_ != nullptr) slot_[0] = '\0';
   }
   Output(const Output&) = delete;
   Output& operator=(const Output&) = delete;
@@ -302,6 +358,7 @@ class Output {
     if (rename(temporary_.c_str(), archive_.c_str()) != 0)
       Fail(ErrnoText("cannot write", archive_));
     committed_ = true;
+    if (slot_ != nullptr) slot_[0] = '\0';
   }
 
  private:
@@ -315,6 +372,7 @@ class Output {
   std::string temporary_;
   int fd_ = -1;
   bool committed_ = false;
+  char* slot_ = nullptr;  // our entry in g_temporaries
 };
 
 class Writer {
@@ -560,6 +618,7 @@ void CopyWithOemNames(int from, int to, const std::vector<Item>& items) {
 }
 
 int Run(int argc, char** argv) {
+  LimitResources();
   const Options options = ParseCommandLine(argc, argv);
   // Names are UTF-8 on this appliance, and libarchive converts names from
   // the locale's character set.
