@@ -111,19 +111,21 @@ void Store(Database& db, int id, const Outcome& outcome, const NewMessage& messa
 }  // namespace
 
 Delivered DeliverMessage(control::Controller& controller, const NewMessage& message,
-                         const std::function<bool(bool deleted)>& keep) {
+                         const std::function<bool(bool deleted)>& keep,
+                         const AlsoInTransaction& also) {
   Delivered delivered;
   bool discarded = false;
   // Thrown through the store's transaction so that it rolls back.
   struct NotKept {};
-  auto decide = [&] {
+  auto decide = [&](Database& db) {
     if (keep && !keep(discarded)) throw NotKept{};
+    if (also) also(db);
   };
   int id = 0;
   try {
     id = InsertMessageThen(controller, message, [&](Database& db, int stored) {
       const std::vector<record::Filter> filters = LoadFilters(db);
-      if (filters.empty()) return decide();
+      if (filters.empty()) return decide(db);
       std::vector<const record::ConditionSet*> sets;
       for (const record::Filter& filter : filters) sets.push_back(&filter.condition);
       const std::vector<bool> meets = MessageMeets(db, stored, sets);
@@ -145,12 +147,13 @@ Delivered DeliverMessage(control::Controller& controller, const NewMessage& mess
       }
       Store(db, stored, outcome, message);
       discarded = outcome.discard;
-      decide();
+      decide(db);
     });
   } catch (const NotKept&) {
     return delivered;
   }
   delivered.id = discarded ? 0 : id;
+  delivered.also_ran = also != nullptr;
   return delivered;
 }
 
@@ -275,11 +278,12 @@ void SendRedirects(const NewMessage& message, const std::vector<std::string>& ad
 
 }  // namespace
 
-Delivered Deliver(control::Controller& controller, const NewMessage& message) {
+Delivered Deliver(control::Controller& controller, const NewMessage& message,
+                  const AlsoInTransaction& also) {
   Database& db = controller.impl().db();
   const AnswerRules rules = LoadAnswerRules(db);
   if (!rules.forward_enable && !rules.reply_enable) {
-    Delivered delivered = DeliverMessage(controller, message);
+    Delivered delivered = DeliverMessage(controller, message, nullptr, also);
     SendRedirects(message, delivered.redirects);
     return delivered;
   }
@@ -293,19 +297,25 @@ Delivered Deliver(control::Controller& controller, const NewMessage& message) {
   if (forward && !rules.keep_copy) {
     // The rules decide first; the message is stored only if the forward
     // fails, so the first attempt keeps nothing unless a rule deleted it.
-    delivered = DeliverMessage(controller, message, [&](bool rule_deleted) {
-      deleted = rule_deleted;
-      return rule_deleted;
-    });
+    delivered = DeliverMessage(
+        controller, message,
+        [&](bool rule_deleted) {
+          deleted = rule_deleted;
+          return rule_deleted;
+        },
+        also);
     if (!deleted) {
       delivered.forwarded = Forward(message, arrival, rules, user_address);
-      if (!delivered.forwarded) delivered = DeliverMessage(controller, message);
+      if (!delivered.forwarded) delivered = DeliverMessage(controller, message, nullptr, also);
     }
   } else {
-    delivered = DeliverMessage(controller, message, [&](bool rule_deleted) {
-      deleted = rule_deleted;
-      return true;
-    });
+    delivered = DeliverMessage(
+        controller, message,
+        [&](bool rule_deleted) {
+          deleted = rule_deleted;
+          return true;
+        },
+        also);
     if (forward && !deleted) delivered.forwarded = Forward(message, arrival, rules, user_address);
   }
   if (!deleted && rules.reply_enable)

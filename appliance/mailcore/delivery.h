@@ -21,7 +21,15 @@ struct Delivered {
   std::vector<std::string> redirects;
   bool forwarded = false;  // the forward went out
   bool replied = false;    // a vacation reply went out
+  // The caller's `also` ran in the transaction that stored the message (or
+  // recorded that a rule deleted it); false when nothing was committed (a
+  // forward without a copy that went out).
+  bool also_ran = false;
 };
+
+// What a caller records together with the new message, in its transaction
+// (a fetcher's memory of the message's UIDL): both are kept or neither.
+using AlsoInTransaction = std::function<void(Database& db)>;
 
 // Runs the user's filters, in the user's order, over `message`, and stores
 // it as they leave it. A rule matches when the message, as it arrived,
@@ -37,8 +45,10 @@ struct Delivered {
 // With `keep`, it is asked, once the rules have decided and before anything
 // is committed, whether to store the message (its argument: whether a rule
 // deleted it); false leaves the store as it was and the result's id 0.
+// `also` runs last in the transaction that commits.
 Delivered DeliverMessage(control::Controller& controller, const NewMessage& message,
-                         const std::function<bool(bool deleted)>& keep = nullptr);
+                         const std::function<bool(bool deleted)>& keep = nullptr,
+                         const AlsoInTransaction& also = nullptr);
 
 // The one way new mail comes in (larkpostctl deliver, every fetched
 // message): DeliverMessage, then forwarding, then the vacation reply, then
@@ -52,8 +62,10 @@ Delivered DeliverMessage(control::Controller& controller, const NewMessage& mess
 //
 // The vacation reply (see VacationRecipient) goes to a sender once in
 // kVacationInterval, remembered in the store only once the relay took it.
-// Neither a failed forward nor a failed reply fails the delivery.
-Delivered Deliver(control::Controller& controller, const NewMessage& message);
+// Neither a failed forward nor a failed reply fails the delivery. `also`
+// runs in the transaction that stores the message (see Delivered::also_ran).
+Delivered Deliver(control::Controller& controller, const NewMessage& message,
+                  const AlsoInTransaction& also = nullptr);
 
 // The rules as stored (defaults for a store that has none yet).
 AnswerRules LoadAnswerRules(Database& db);
