@@ -244,6 +244,7 @@ TEST(HTMLParserTest, BrokenMarkupComesOutWellFormed) {
       {"whole document",
        "<html><head><title>T</title></head><body bgcolor=red onload=x><p>x</p></body></html>",
        "<p>x</p>"},
+      {"white space before the first element", "<body>\n <!-- x --> <p>a</p>\n", "<p>a</p>\n"},
       {"frameset document", "<frameset><frame src=\"http://x/\"></frameset>", ""},
       {"empty", "", ""},
   });

@@ -1110,6 +1110,9 @@ void HTMLParser::Normalize(const std::string& html, const std::string& token,
   if (body == nullptr) return;  // a frameset document: nothing to show
   body_.reserve(input.size());
   Normaliser(*this, token, inline_images, &body_, &blockquotes_).Run(body);
+  // White space before the first element or text of a body is dropped by
+  // an HTML parser: kept, normalising the result would change it.
+  body_.erase(0, body_.find_first_not_of(" \t\n\r\f"));
 }
 
 const std::string& HTMLParser::GetBody() const { return body_; }
