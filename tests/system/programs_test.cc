@@ -204,10 +204,12 @@ TEST_F(ProgramsTest, AutoOrientTurnsARotatedPhotoUpright) {
 
 TEST_F(ProgramsTest, ConversionFailuresSayWhyAndLeaveNoFile) {
   std::ofstream(Image("text.jpg")) << "not a picture at all";
+  std::ofstream(Image("tiny.bmp")) << "BM";  // shorter than any file head we look at
   MakeImage(Image("ok.jpg"), 10, 10);
   const std::vector<std::string> cases[] = {
       {Image("missing.jpg"), "-auto-orient", Image("out/a")},
       ThumbnailArgs(Image("text.jpg"), Image("out/b.jpg")),
+      ThumbnailArgs(Image("tiny.bmp"), Image("out/e.jpg")),
       {"gradient:red-blue", "-auto-orient", Image("out/c.jpg")},   // a coder, not a file
       {Image("ok.jpg"), "-auto-orient", "msl:" + Image("out/d")},  // a coder, not a file
       {Image("ok.jpg")},
