@@ -245,6 +245,8 @@ TEST(HTMLParserTest, BrokenMarkupComesOutWellFormed) {
        "<html><head><title>T</title></head><body bgcolor=red onload=x><p>x</p></body></html>",
        "<p>x</p>"},
       {"white space before the first element", "<body>\n <!-- x --> <p>a</p>\n", "<p>a</p>\n"},
+      {"a quote fostered into a paragraph", "<p>a<table><blockquote>q</blockquote></table>",
+       "<p>aq<table></table></p>"},
       {"frameset document", "<frameset><frame src=\"http://x/\"></frameset>", ""},
       {"empty", "", ""},
   });

@@ -186,6 +186,60 @@ Policy ElementPolicy(const GumboElement& element) {
   }
 }
 
+// Elements whose start tag closes an open <p> (in the parser's button
+// scope): written inside one, they would not parse back there.
+bool ClosesParagraph(GumboTag tag) {
+  switch (tag) {
+    case GUMBO_TAG_ADDRESS:
+    case GUMBO_TAG_ARTICLE:
+    case GUMBO_TAG_ASIDE:
+    case GUMBO_TAG_BLOCKQUOTE:
+    case GUMBO_TAG_CENTER:
+    case GUMBO_TAG_DETAILS:
+    case GUMBO_TAG_DIR:
+    case GUMBO_TAG_DIV:
+    case GUMBO_TAG_DL:
+    case GUMBO_TAG_DD:
+    case GUMBO_TAG_DT:
+    case GUMBO_TAG_FIELDSET:
+    case GUMBO_TAG_FIGCAPTION:
+    case GUMBO_TAG_FIGURE:
+    case GUMBO_TAG_FOOTER:
+    case GUMBO_TAG_HEADER:
+    case GUMBO_TAG_HGROUP:
+    case GUMBO_TAG_MAIN:
+    case GUMBO_TAG_MENU:
+    case GUMBO_TAG_NAV:
+    case GUMBO_TAG_OL:
+    case GUMBO_TAG_UL:
+    case GUMBO_TAG_LI:
+    case GUMBO_TAG_P:
+    case GUMBO_TAG_SECTION:
+    case GUMBO_TAG_SUMMARY:
+    case GUMBO_TAG_H1:
+    case GUMBO_TAG_H2:
+    case GUMBO_TAG_H3:
+    case GUMBO_TAG_H4:
+    case GUMBO_TAG_H5:
+    case GUMBO_TAG_H6:
+    case GUMBO_TAG_PRE:
+    case GUMBO_TAG_LISTING:
+    case GUMBO_TAG_HR:
+      return true;
+    default:
+      return false;
+  }
+}
+
+// Elements that end the parser's button scope: a <p> outside them is not
+// closed by what is written inside them.
+bool EndsButtonScope(GumboTag tag) {
+  return tag == GUMBO_TAG_TABLE || tag == GUMBO_TAG_TD || tag == GUMBO_TAG_TH ||
+         tag == GUMBO_TAG_CAPTION || tag == GUMBO_TAG_BUTTON || tag == GUMBO_TAG_APPLET ||
+         tag == GUMBO_TAG_MARQUEE || tag == GUMBO_TAG_OBJECT || tag == GUMBO_TAG_TEMPLATE ||
+         tag == GUMBO_TAG_HTML;
+}
+
 bool IsVoid(GumboTag tag) {
   return tag == GUMBO_TAG_BR || tag == GUMBO_TAG_HR || tag == GUMBO_TAG_IMG ||
          tag == GUMBO_TAG_WBR || tag == GUMBO_TAG_COL;
@@ -522,6 +576,8 @@ class Normaliser {
   };
 
   void Enter(const GumboNode* node);
+  // Whether a written <p> is open, in the parser's button scope.
+  bool InParagraph() const;
   void Leave(const Open& open);
   void WriteStartTag(const GumboElement& element);
   std::string CidUrl(std::string_view url) const;
@@ -556,6 +612,16 @@ void Normaliser::Run(const GumboNode* body) {
   }
 }
 
+bool Normaliser::InParagraph() const {
+  for (auto open = stack_.rbegin(); open != stack_.rend(); ++open) {
+    if (!open->written) continue;
+    const GumboTag tag = open->node->v.element.tag;
+    if (tag == GUMBO_TAG_P) return true;
+    if (EndsButtonScope(tag)) return false;
+  }
+  return false;
+}
+
 void Normaliser::Enter(const GumboNode* node) {
   switch (node->type) {
     case GUMBO_NODE_TEXT:
@@ -573,6 +639,11 @@ void Normaliser::Enter(const GumboNode* node) {
   // A link inside a link cannot be written so that it parses back as one:
   // the parser would close the outer one first.
   if (policy == Policy::kKeep && element.tag == GUMBO_TAG_A && open_links_ > 0) {
+    policy = Policy::kUnwrap;
+  }
+  // Nor can a block inside a paragraph (the parser puts one there only when
+  // it fosters it out of a table): the parser would close the paragraph.
+  if (policy == Policy::kKeep && ClosesParagraph(element.tag) && InParagraph()) {
     policy = Policy::kUnwrap;
   }
   if (policy == Policy::kDrop) return;
