@@ -247,6 +247,9 @@ TEST(HTMLParserTest, BrokenMarkupComesOutWellFormed) {
       {"white space before the first element", "<body>\n <!-- x --> <p>a</p>\n", "<p>a</p>\n"},
       {"a quote fostered into a paragraph", "<p>a<table><blockquote>q</blockquote></table>",
        "<p>aq<table></table></p>"},
+      {"characters a parser reads otherwise",
+       "<p title='a&#8;b'>&#1;x&#13;&#x81;&#x85;&#xFFFF;\x0Cy</p>",
+       "<p title=\"ab\">x\xE2\x80\xA6\x0Cy</p>"},
       {"frameset document", "<frameset><frame src=\"http://x/\"></frameset>", ""},
       {"empty", "", ""},
   });

@@ -279,8 +279,32 @@ std::string_view TrimSpace(std::string_view text) {
   return text;
 }
 
+// Code points that an HTML parser does not read back as themselves when
+// they stand in the source as they are (it reads U+FFFD, or a line feed for
+// a carriage return): control characters other than tab, line feed and
+// form feed, and the noncharacters. The tree holds them when the message
+// wrote them as character references ("&#8;"); they are left out.
+bool ReadsBackOtherwise(uint32_t c) {
+  return (c < 0x20 && c != '\t' && c != '\n' && c != '\f') || (c >= 0x7f && c <= 0x9f) ||
+         (c >= 0xfdd0 && c <= 0xfdef) || (c & 0xfffe) == 0xfffe;
+}
+
 void AppendEscaped(std::string_view text, bool attribute, std::string* out) {
-  for (char c : text) {
+  for (size_t at = 0; at < text.size(); ++at) {
+    const char c = text[at];
+    const auto lead = static_cast<unsigned char>(c);
+    if (lead >= 0xc0) {
+      // The parser's text is UTF-8: a whole sequence at a time.
+      const size_t length = lead >= 0xf0 ? 4 : lead >= 0xe0 ? 3 : 2;
+      uint32_t code = lead & (0x3f >> (length - 1));
+      for (size_t i = 1; i < length && at + i < text.size(); ++i) {
+        code = (code << 6) | (static_cast<unsigned char>(text[at + i]) & 0x3f);
+      }
+      if (!ReadsBackOtherwise(code)) out->append(text.substr(at, length));
+      at += length - 1;
+      continue;
+    }
+    if (ReadsBackOtherwise(lead)) continue;
     switch (c) {
       case '&':
         *out += "&amp;";
