@@ -250,6 +250,8 @@ TEST(HTMLParserTest, BrokenMarkupComesOutWellFormed) {
       {"characters a parser reads otherwise",
        "<p title='a&#8;b'>&#1;x&#13;&#x81;&#x85;&#xFFFF;\x0Cy</p>",
        "<p title=\"ab\">x\xE2\x80\xA6\x0Cy</p>"},
+      {"an item fostered into an item", "<ul><li>a<table><li>b</li></table></li></ul>",
+       "<ul><li>ab<table></table></li></ul>"},
       {"frameset document", "<frameset><frame src=\"http://x/\"></frameset>", ""},
       {"empty", "", ""},
   });

@@ -602,6 +602,8 @@ class Normaliser {
   void Enter(const GumboNode* node);
   // Whether a written <p> is open, in the parser's button scope.
   bool InParagraph() const;
+  // Whether `tag` (li, dd or dt) would close an open item of its kind.
+  bool InListItem(GumboTag tag) const;
   void Leave(const Open& open);
   void WriteStartTag(const GumboElement& element);
   std::string CidUrl(std::string_view url) const;
@@ -646,6 +648,25 @@ bool Normaliser::InParagraph() const {
   return false;
 }
 
+bool Normaliser::InListItem(GumboTag tag) const {
+  if (tag != GUMBO_TAG_LI && tag != GUMBO_TAG_DD && tag != GUMBO_TAG_DT) return false;
+  for (auto open = stack_.rbegin(); open != stack_.rend(); ++open) {
+    if (!open->written) continue;
+    const GumboTag inside = open->node->v.element.tag;
+    if (tag == GUMBO_TAG_LI ? inside == GUMBO_TAG_LI
+                            : (inside == GUMBO_TAG_DD || inside == GUMBO_TAG_DT)) {
+      return true;
+    }
+    // The parser looks no further than the nearest block of another kind.
+    if (inside != GUMBO_TAG_P && inside != GUMBO_TAG_DIV && inside != GUMBO_TAG_ADDRESS &&
+        (ClosesParagraph(inside) || EndsButtonScope(inside) || inside == GUMBO_TAG_TBODY ||
+         inside == GUMBO_TAG_THEAD || inside == GUMBO_TAG_TFOOT || inside == GUMBO_TAG_TR)) {
+      return false;
+    }
+  }
+  return false;
+}
+
 void Normaliser::Enter(const GumboNode* node) {
   switch (node->type) {
     case GUMBO_NODE_TEXT:
@@ -670,6 +691,9 @@ void Normaliser::Enter(const GumboNode* node) {
   if (policy == Policy::kKeep && ClosesParagraph(element.tag) && InParagraph()) {
     policy = Policy::kUnwrap;
   }
+  // The same for a list item in a list item, or a definition term or
+  // description in one, with no list of its own in between.
+  if (policy == Policy::kKeep && InListItem(element.tag)) policy = Policy::kUnwrap;
   if (policy == Policy::kDrop) return;
   if (policy == Policy::kUnwrap) {
     stack_.push_back({node, 0, false, std::string::npos});
