@@ -1,0 +1,28 @@
+// Address parsing: the core's MailAddress (name and address of one text)
+// and the MIME layer's address list reader. Every display text of a list is
+// read back by both without harm; a list read from a display text keeps its
+// address. Input: the header text.
+#include <string>
+
+#include "appliance/mailcore/mime/header.h"
+#include "fuzz/fuzz_util.h"
+#include "platform/mailcore/control.h"
+
+namespace control = ornic::larkpost::control;
+namespace mime = ornic::larkpost::mime;
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  const std::string text(reinterpret_cast<const char*>(data), size);
+  const control::MailAddress address(text);
+  (void)address.GetEmail();
+  for (const std::string& display : mime::ParseAddressList(text, "iso-2022-jp")) {
+    const control::MailAddress one(display);
+    if (one.GetEmail().empty()) continue;
+    // A display text the list reader wrote reads back as itself.
+    const auto again = mime::ParseAddressList(display);
+    if (again.size() != 1 || again[0] != display) {
+      larkpost::fuzz::Broken("a written address does not read back: " + display);
+    }
+  }
+  return 0;
+}
