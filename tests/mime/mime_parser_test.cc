@@ -442,6 +442,7 @@ TEST(HeaderTest, ParseAddressList) {
       {"<@relay.example:ann@example.org>", {"ann@example.org"}},
       {"undisclosed-recipients:;", {}},
       {"<>, , Ann <>", {"Ann"}},
+      {"Ann <ann@exam\x01ple.org\x1e", {"Ann <ann@example.org>"}},  // controls are noise
       {"", {}},
   };
   for (const auto& [raw, list] : rows) EXPECT_EQ(ParseAddressList(raw), list) << raw;

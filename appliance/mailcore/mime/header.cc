@@ -465,6 +465,12 @@ std::string JoinAddress(const std::vector<AddressToken>& tokens, const std::stri
   if (route != std::string::npos && !address.empty() && address[0] == '@') {
     address.erase(0, route + 1);
   }
+  // A control character in an address is noise, not the blank it is in a
+  // name: an address with a blank would neither read back nor deliver.
+  address.erase(
+      std::remove_if(address.begin(), address.end(),
+                     [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }),
+      address.end());
   return DecodeRaw(CleanControls(address), charset);
 }
 
