@@ -24,20 +24,48 @@ bool StartsWith(std::string_view text, std::string_view prefix) {
   return text.substr(0, prefix.size()) == prefix;
 }
 
-// A URL as a browser sees past its blanks, controls and case.
+// A URL as a browser sees past its controls (tabs and line ends go
+// anywhere), its blanks at either end, and case.
 std::string Folded(std::string_view value) {
   std::string out;
   for (char c : value) {
     const auto u = static_cast<unsigned char>(c);
-    if (u <= 0x20 || u == 0x7f) continue;
+    if (u < 0x20 || u == 0x7f || (u == ' ' && out.empty())) continue;
     out.push_back(c == '\\' ? '/' : static_cast<char>(std::tolower(u)));
   }
+  while (!out.empty() && out.back() == ' ') out.pop_back();
   return out;
 }
 
+// The path of an http(s) URL, percent-decoded until it stays the same.
+std::string PathOf(const std::string& url) {
+  const size_t host = url.find_first_not_of('/', url.find(':') + 1);
+  const size_t path = url.find_first_of("/?#", std::min(host, url.size()));
+  if (path == std::string::npos || url[path] != '/') return "";
+  std::string text = url.substr(path, url.find_first_of("?#", path) - path);
+  for (int round = 0; round < 4; ++round) {
+    std::string decoded;
+    for (size_t i = 0; i < text.size(); ++i) {
+      if (text[i] == '%' && i + 2 < text.size() &&
+          std::isxdigit(static_cast<unsigned char>(text[i + 1])) &&
+          std::isxdigit(static_cast<unsigned char>(text[i + 2]))) {
+        decoded.push_back(static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16)));
+        i += 2;
+      } else {
+        decoded.push_back(static_cast<char>(std::tolower(static_cast<unsigned char>(text[i]))));
+      }
+    }
+    if (decoded == text) break;
+    text = decoded;
+  }
+  return text;
+}
+
+// An http(s) URL elsewhere: a path that reaches no web API of ours.
 bool IsWebUrl(const std::string& url) {
-  return (StartsWith(url, "http://") || StartsWith(url, "https://")) &&
-         url.find("webapi") == std::string::npos && url.find(".cgi") == std::string::npos;
+  if (!StartsWith(url, "http://") && !StartsWith(url, "https://")) return false;
+  const std::string path = PathOf(url);
+  return path.find("webapi") == std::string::npos && path.find(".cgi") == std::string::npos;
 }
 
 bool IsOwnDownload(const std::string& url) {
@@ -72,28 +100,30 @@ void CheckAttribute(const GumboAttribute& attribute, bool own_downloads) {
              name == "data-larkpost-background") {
     if (!IsAllowedImage(url, own_downloads)) Broken(name + " URL " + attribute.value);
   } else if (name == "style" || name == "data-larkpost-style") {
+    // CSS, judged without its blanks.
+    std::string css;
+    for (char c : url) {
+      if (c != ' ') css.push_back(c);
+    }
     for (const char* bad : {"expression(", "javascript:", "behavior:", "-moz-binding", "@import"}) {
-      if (url.find(bad) != std::string::npos) Broken("style with " + std::string(bad));
+      if (css.find(bad) != std::string::npos) Broken("style with " + std::string(bad));
     }
     // Each declaration: no position that takes an element out of the flow.
-    for (size_t start = 0; start < url.size();) {
-      const size_t end = std::min(url.find(';', start), url.size());
-      const std::string declaration = url.substr(start, end - start);
+    for (size_t start = 0; start < css.size();) {
+      const size_t end = std::min(css.find(';', start), css.size());
+      const std::string declaration = css.substr(start, end - start);
       start = end + 1;
       const size_t colon = declaration.find(':');
       if (colon == std::string::npos || declaration.substr(0, colon) != "position") continue;
       const std::string value = declaration.substr(colon + 1);
       if (value != "static" && value != "relative") Broken("style with position:" + value);
     }
-    if (name == "style" && url.find("url(") != std::string::npos) {
-      size_t at = 0;
-      while ((at = url.find("url(", at)) != std::string::npos) {
-        at += 4;
-        std::string inner = url.substr(at, url.find(')', at) - at);
-        inner.erase(std::remove(inner.begin(), inner.end(), '"'), inner.end());
-        inner.erase(std::remove(inner.begin(), inner.end(), '\''), inner.end());
-        if (!IsAllowedImage(inner, own_downloads)) Broken("style url " + inner);
-      }
+    for (size_t at = 0; name == "style" && (at = css.find("url(", at)) != std::string::npos;) {
+      at += 4;
+      std::string inner = css.substr(at, css.find(')', at) - at);
+      inner.erase(std::remove(inner.begin(), inner.end(), '"'), inner.end());
+      inner.erase(std::remove(inner.begin(), inner.end(), '\''), inner.end());
+      if (!IsAllowedImage(inner, own_downloads)) Broken("style url " + inner);
     }
   } else if (name == "srcset" || name == "action" || name == "formaction" || name == "poster" ||
              name == "xlink:href" || name == "usemap" || name == "lowsrc" || name == "dynsrc" ||
