@@ -548,7 +548,7 @@ void AddBareMailboxes(const std::vector<AddressToken>& tokens, const std::string
   if (found.empty()) {
     // A name with no address (a local part alone, a list's label).
     const std::string text = JoinPhrase(name, charset);
-    if (!text.empty()) list->push_back(text);
+    if (!text.empty()) list->push_back(DisplayText(text, ""));
     return;
   }
   // Words after the last address name it, or a comment when nothing else.
