@@ -1,7 +1,7 @@
 // Address parsing: the core's MailAddress (name and address of one text)
 // and the MIME layer's address list reader. Every display text of a list is
-// read back by both without harm; a list read from a display text keeps its
-// address. Input: the header text.
+// read back by both without harm, and one with a well-formed address reads
+// back as itself. Input: the header text.
 #include <string>
 
 #include "appliance/mailcore/mime/header.h"
@@ -17,7 +17,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   (void)address.GetEmail();
   for (const std::string& display : mime::ParseAddressList(text, "iso-2022-jp")) {
     const control::MailAddress one(display);
-    if (one.GetEmail().empty()) continue;
+    // Only an address that is one: junk inside brackets stays junk.
+    const std::string& email = one.GetEmail();
+    if (email.empty() || email.find_first_of(" <>()[],;:\\\"") != std::string::npos ||
+        email.find('@') != email.rfind('@')) {
+      continue;
+    }
     // A display text the list reader wrote reads back as itself.
     const auto again = mime::ParseAddressList(display);
     if (again.size() != 1 || again[0] != display) {
