@@ -264,7 +264,7 @@ class Collector {
 
   void Add(const std::string& path, const std::string& given, const struct stat& info) {
     if (archive_ && archive_->st_dev == info.st_dev && archive_->st_ino == info.st_ino) return;
-    const bool folder = given.back() == '/';
+    const bool folder = !given.empty() && given.back() == '/';
     const std::string name = CleanName(given) + (folder ? "/" : "");
     if (name.empty() || name == "/") {
       Warn("skipped " + path + ": its name is no name in an archive");
