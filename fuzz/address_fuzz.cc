@@ -17,10 +17,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   (void)address.GetEmail();
   for (const std::string& display : mime::ParseAddressList(text, "iso-2022-jp")) {
     const control::MailAddress one(display);
+    (void)one.GetEmail();
     // Only an address that is one: junk inside brackets stays junk.
-    const std::string& email = one.GetEmail();
+    const size_t open = display.rfind('<');
+    const std::string email = !display.empty() && display.back() == '>' && open != std::string::npos
+                                  ? display.substr(open + 1, display.size() - open - 2)
+                                  : display;
     if (email.empty() || email.find_first_of(" <>()[],;:\\\"") != std::string::npos ||
-        email.find('@') != email.rfind('@')) {
+        email.find('@') == std::string::npos || email.find('@') != email.rfind('@')) {
       continue;
     }
     // A display text the list reader wrote reads back as itself.
