@@ -19,7 +19,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const control::MailAddress one(display);
     (void)one.GetEmail();
     // Only an address that is one: junk inside brackets stays junk.
-    const size_t open = display.rfind('<');
+    size_t from = 0;  // after a quoted name
+    if (!display.empty() && display[0] == '"') {
+      for (from = 1; from < display.size() && display[from] != '"'; ++from) {
+        if (display[from] == '\\') ++from;
+      }
+    }
+    const size_t open = display.find('<', from);
     const std::string email = !display.empty() && display.back() == '>' && open != std::string::npos
                                   ? display.substr(open + 1, display.size() - open - 2)
                                   : display;
