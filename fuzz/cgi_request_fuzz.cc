@@ -15,13 +15,17 @@ namespace cgi = larkpost::cgi;
 
 namespace {
 
+// Every stored part goes with its request; the folder goes at the end.
+char upload_dir[] = "/tmp/larkpost-fuzz-cgi-XXXXXX";
+
 std::string UploadDir() {
-  static const std::string dir = [] {
-    char pattern[] = "/tmp/larkpost-fuzz-cgi-XXXXXX";
-    if (mkdtemp(pattern) == nullptr) abort();
-    return std::string(pattern);
+  static const bool made = [] {
+    if (mkdtemp(upload_dir) == nullptr) abort();
+    atexit([] { rmdir(upload_dir); });
+    return true;
   }();
-  return dir;
+  (void)made;
+  return upload_dir;
 }
 
 }  // namespace

@@ -75,6 +75,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     char pattern[] = "/tmp/larkpost-fuzz-zip-XXXXXX";
     if (mkdtemp(pattern) == nullptr) abort();
     base = pattern;
+    atexit([] { RemoveAll(base); });
   }
   const auto pieces = larkpost::fuzz::SplitNul({reinterpret_cast<const char*>(data), size});
   if (pieces.size() < 3 || pieces.size() > 40) return 0;
