@@ -10,6 +10,7 @@ packages=(
   libexif-dev libmagickwand-dev libarchive-dev
   lighttpd curl libcurl4-openssl-dev libssl-dev sqlite3 unzip python3
   libgtest-dev libgmock-dev libbenchmark-dev wrk
+  clang libclang-rt-dev
 )
 
 missing=()

@@ -68,6 +68,7 @@ TEST(ModifiedUTF7Test, RefusesWhatAnEncoderNeverWrites) {
            "&AGE-",        // printable ASCII ("a") encoded
            "&2D0-",        // high surrogate alone
            "&3gA-",        // low surrogate alone
+           "&AMk-&AOk-",   // two runs side by side ("&AMkA6Q-" is the one spelling)
        }) {
     EXPECT_EQ(imap::DecodeModifiedUTF7(bad), std::nullopt) << bad;
   }

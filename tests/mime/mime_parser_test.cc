@@ -442,6 +442,8 @@ TEST(HeaderTest, ParseAddressList) {
       {"<@relay.example:ann@example.org>", {"ann@example.org"}},
       {"undisclosed-recipients:;", {}},
       {"<>, , Ann <>", {"Ann"}},
+      {"Ann \"<ann@x;", {"\"Ann <ann@x;\""}},                       // a name alone, quoted as one
+      {"Ann <ann@exam\x01ple.org\x1e", {"Ann <ann@example.org>"}},  // controls are noise
       {"", {}},
   };
   for (const auto& [raw, list] : rows) EXPECT_EQ(ParseAddressList(raw), list) << raw;

@@ -204,10 +204,12 @@ TEST_F(ProgramsTest, AutoOrientTurnsARotatedPhotoUpright) {
 
 TEST_F(ProgramsTest, ConversionFailuresSayWhyAndLeaveNoFile) {
   std::ofstream(Image("text.jpg")) << "not a picture at all";
+  std::ofstream(Image("tiny.bmp")) << "BM";  // shorter than any file head we look at
   MakeImage(Image("ok.jpg"), 10, 10);
   const std::vector<std::string> cases[] = {
       {Image("missing.jpg"), "-auto-orient", Image("out/a")},
       ThumbnailArgs(Image("text.jpg"), Image("out/b.jpg")),
+      ThumbnailArgs(Image("tiny.bmp"), Image("out/e.jpg")),
       {"gradient:red-blue", "-auto-orient", Image("out/c.jpg")},   // a coder, not a file
       {Image("ok.jpg"), "-auto-orient", "msl:" + Image("out/d")},  // a coder, not a file
       {Image("ok.jpg")},
@@ -319,14 +321,21 @@ TEST_F(ProgramsTest, ZipJunksPathsRecursesAndKeepsEveryByte) {
   root_.Write("work/b.pdf", "pdf");
   root_.Write("work/a_1.pdf", "");
   root_.Write("work/sub/deeper/big.bin", big);
+  root_.Write("work/sub/..\\..\\up.txt", "up");  // a step up for Windows extractors
   fs::create_symlink(Path("work/b.pdf"), Path("work/link.pdf"));
   const Outcome outcome = Run(ZIP_PROGRAM, {"-jr", Path("work.zip"), "-UN=UTF8", Path("work")});
   ASSERT_EQ(outcome.status, 0) << outcome.errors;
   EXPECT_EQ(ReadZip(Path("work.zip")), (std::vector<Entry>{{"a_1.pdf", false, ""},
                                                            {"b.pdf", false, "pdf"},
                                                            {"link.pdf", false, "pdf"},
+                                                           {"up.txt", false, "up"},
                                                            {"big.bin", false, big}}));
-  EXPECT_EQ(Listing(), (std::set<std::string>{"work", "work.zip"}));
+  const Outcome kept = Run(ZIP_PROGRAM, {"-r", Path("kept.zip"), Path("work/sub")});
+  ASSERT_EQ(kept.status, 0) << kept.errors;
+  std::set<std::string> names;
+  for (const Entry& entry : ReadZip(Path("kept.zip"))) names.insert(std::get<0>(entry));
+  EXPECT_EQ(names.count(Path("work/sub/up.txt").substr(1)), 1u) << kept.errors;
+  EXPECT_EQ(Listing(), (std::set<std::string>{"kept.zip", "work", "work.zip"}));
 }
 
 TEST_F(ProgramsTest, ZipNamesInTheCodePageAskedForElseFlaggedUtf8) {

@@ -186,6 +186,60 @@ Policy ElementPolicy(const GumboElement& element) {
   }
 }
 
+// Elements whose start tag closes an open <p> (in the parser's button
+// scope): written inside one, they would not parse back there.
+bool ClosesParagraph(GumboTag tag) {
+  switch (tag) {
+    case GUMBO_TAG_ADDRESS:
+    case GUMBO_TAG_ARTICLE:
+    case GUMBO_TAG_ASIDE:
+    case GUMBO_TAG_BLOCKQUOTE:
+    case GUMBO_TAG_CENTER:
+    case GUMBO_TAG_DETAILS:
+    case GUMBO_TAG_DIR:
+    case GUMBO_TAG_DIV:
+    case GUMBO_TAG_DL:
+    case GUMBO_TAG_DD:
+    case GUMBO_TAG_DT:
+    case GUMBO_TAG_FIELDSET:
+    case GUMBO_TAG_FIGCAPTION:
+    case GUMBO_TAG_FIGURE:
+    case GUMBO_TAG_FOOTER:
+    case GUMBO_TAG_HEADER:
+    case GUMBO_TAG_HGROUP:
+    case GUMBO_TAG_MAIN:
+    case GUMBO_TAG_MENU:
+    case GUMBO_TAG_NAV:
+    case GUMBO_TAG_OL:
+    case GUMBO_TAG_UL:
+    case GUMBO_TAG_LI:
+    case GUMBO_TAG_P:
+    case GUMBO_TAG_SECTION:
+    case GUMBO_TAG_SUMMARY:
+    case GUMBO_TAG_H1:
+    case GUMBO_TAG_H2:
+    case GUMBO_TAG_H3:
+    case GUMBO_TAG_H4:
+    case GUMBO_TAG_H5:
+    case GUMBO_TAG_H6:
+    case GUMBO_TAG_PRE:
+    case GUMBO_TAG_LISTING:
+    case GUMBO_TAG_HR:
+      return true;
+    default:
+      return false;
+  }
+}
+
+// Elements that end the parser's button scope: a <p> outside them is not
+// closed by what is written inside them.
+bool EndsButtonScope(GumboTag tag) {
+  return tag == GUMBO_TAG_TABLE || tag == GUMBO_TAG_TD || tag == GUMBO_TAG_TH ||
+         tag == GUMBO_TAG_CAPTION || tag == GUMBO_TAG_BUTTON || tag == GUMBO_TAG_APPLET ||
+         tag == GUMBO_TAG_MARQUEE || tag == GUMBO_TAG_OBJECT || tag == GUMBO_TAG_TEMPLATE ||
+         tag == GUMBO_TAG_HTML;
+}
+
 bool IsVoid(GumboTag tag) {
   return tag == GUMBO_TAG_BR || tag == GUMBO_TAG_HR || tag == GUMBO_TAG_IMG ||
          tag == GUMBO_TAG_WBR || tag == GUMBO_TAG_COL;
@@ -225,8 +279,32 @@ std::string_view TrimSpace(std::string_view text) {
   return text;
 }
 
+// Code points that an HTML parser does not read back as themselves when
+// they stand in the source as they are (it reads U+FFFD, or a line feed for
+// a carriage return): control characters other than tab, line feed and
+// form feed, and the noncharacters. The tree holds them when the message
+// wrote them as character references ("&#8;"); they are left out.
+bool ReadsBackOtherwise(uint32_t c) {
+  return (c < 0x20 && c != '\t' && c != '\n' && c != '\f') || (c >= 0x7f && c <= 0x9f) ||
+         (c >= 0xfdd0 && c <= 0xfdef) || (c & 0xfffe) == 0xfffe;
+}
+
 void AppendEscaped(std::string_view text, bool attribute, std::string* out) {
-  for (char c : text) {
+  for (size_t at = 0; at < text.size(); ++at) {
+    const char c = text[at];
+    const auto lead = static_cast<unsigned char>(c);
+    if (lead >= 0xc0) {
+      // The parser's text is UTF-8: a whole sequence at a time.
+      const size_t length = lead >= 0xf0 ? 4 : lead >= 0xe0 ? 3 : 2;
+      uint32_t code = lead & (0x3f >> (length - 1));
+      for (size_t i = 1; i < length && at + i < text.size(); ++i) {
+        code = (code << 6) | (static_cast<unsigned char>(text[at + i]) & 0x3f);
+      }
+      if (!ReadsBackOtherwise(code)) out->append(text.substr(at, length));
+      at += length - 1;
+      continue;
+    }
+    if (ReadsBackOtherwise(lead)) continue;
     switch (c) {
       case '&':
         *out += "&amp;";
@@ -522,6 +600,10 @@ class Normaliser {
   };
 
   void Enter(const GumboNode* node);
+  // Whether a written <p> is open, in the parser's button scope.
+  bool InParagraph() const;
+  // Whether `tag` (li, dd or dt) would close an open item of its kind.
+  bool InListItem(GumboTag tag) const;
   void Leave(const Open& open);
   void WriteStartTag(const GumboElement& element);
   std::string CidUrl(std::string_view url) const;
@@ -556,6 +638,35 @@ void Normaliser::Run(const GumboNode* body) {
   }
 }
 
+bool Normaliser::InParagraph() const {
+  for (auto open = stack_.rbegin(); open != stack_.rend(); ++open) {
+    if (!open->written) continue;
+    const GumboTag tag = open->node->v.element.tag;
+    if (tag == GUMBO_TAG_P) return true;
+    if (EndsButtonScope(tag)) return false;
+  }
+  return false;
+}
+
+bool Normaliser::InListItem(GumboTag tag) const {
+  if (tag != GUMBO_TAG_LI && tag != GUMBO_TAG_DD && tag != GUMBO_TAG_DT) return false;
+  for (auto open = stack_.rbegin(); open != stack_.rend(); ++open) {
+    if (!open->written) continue;
+    const GumboTag inside = open->node->v.element.tag;
+    if (tag == GUMBO_TAG_LI ? inside == GUMBO_TAG_LI
+                            : (inside == GUMBO_TAG_DD || inside == GUMBO_TAG_DT)) {
+      return true;
+    }
+    // The parser looks no further than the nearest block of another kind.
+    if (inside != GUMBO_TAG_P && inside != GUMBO_TAG_DIV && inside != GUMBO_TAG_ADDRESS &&
+        (ClosesParagraph(inside) || EndsButtonScope(inside) || inside == GUMBO_TAG_TBODY ||
+         inside == GUMBO_TAG_THEAD || inside == GUMBO_TAG_TFOOT || inside == GUMBO_TAG_TR)) {
+      return false;
+    }
+  }
+  return false;
+}
+
 void Normaliser::Enter(const GumboNode* node) {
   switch (node->type) {
     case GUMBO_NODE_TEXT:
@@ -575,6 +686,14 @@ void Normaliser::Enter(const GumboNode* node) {
   if (policy == Policy::kKeep && element.tag == GUMBO_TAG_A && open_links_ > 0) {
     policy = Policy::kUnwrap;
   }
+  // Nor can a block inside a paragraph (the parser puts one there only when
+  // it fosters it out of a table): the parser would close the paragraph.
+  if (policy == Policy::kKeep && ClosesParagraph(element.tag) && InParagraph()) {
+    policy = Policy::kUnwrap;
+  }
+  // The same for a list item in a list item, or a definition term or
+  // description in one, with no list of its own in between.
+  if (policy == Policy::kKeep && InListItem(element.tag)) policy = Policy::kUnwrap;
   if (policy == Policy::kDrop) return;
   if (policy == Policy::kUnwrap) {
     stack_.push_back({node, 0, false, std::string::npos});
@@ -1110,6 +1229,9 @@ void HTMLParser::Normalize(const std::string& html, const std::string& token,
   if (body == nullptr) return;  // a frameset document: nothing to show
   body_.reserve(input.size());
   Normaliser(*this, token, inline_images, &body_, &blockquotes_).Run(body);
+  // White space before the first element or text of a body is dropped by
+  // an HTML parser: kept, normalising the result would change it.
+  body_.erase(0, body_.find_first_not_of(" \t\n\r\f"));
 }
 
 const std::string& HTMLParser::GetBody() const { return body_; }

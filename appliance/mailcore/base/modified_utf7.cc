@@ -97,6 +97,9 @@ std::optional<std::string> DecodeModifiedUTF7(std::string_view mutf7) {
   out.reserve(mutf7.size());
   std::vector<uint16_t> units;
   size_t pos = 0;
+  // An encoder writes neighbouring characters in one run; two runs side by
+  // side would be a second spelling of the same name.
+  size_t run_end = std::string_view::npos;
   while (pos < mutf7.size()) {
     const unsigned char c = static_cast<unsigned char>(mutf7[pos]);
     if (!IsDirect(c)) return std::nullopt;
@@ -111,8 +114,10 @@ std::optional<std::string> DecodeModifiedUTF7(std::string_view mutf7) {
       ++pos;
       continue;
     }
+    if (pos - 1 == run_end) return std::nullopt;
     units.clear();
     if (!ReadRun(mutf7, &pos, &units) || units.empty()) return std::nullopt;
+    run_end = pos;
     for (size_t i = 0; i < units.size(); ++i) {
       uint32_t unit = units[i];
       if (unit >= 0xd800 && unit <= 0xdbff) {

@@ -20,7 +20,8 @@ std::optional<std::string> EncodeModifiedUTF7(std::string_view utf8);
 // encoder writes it: a byte outside printable ASCII, a run that is not
 // closed by "-", holds a character outside the base64 alphabet, ends with
 // more than padding bits or non-zero padding, encodes printable ASCII, or
-// holds a surrogate that is not part of a pair.
+// holds a surrogate that is not part of a pair, or follows another run
+// directly.
 std::optional<std::string> DecodeModifiedUTF7(std::string_view mutf7);
 
 }  // namespace ornic::larkpost::imap

@@ -465,6 +465,12 @@ std::string JoinAddress(const std::vector<AddressToken>& tokens, const std::stri
   if (route != std::string::npos && !address.empty() && address[0] == '@') {
     address.erase(0, route + 1);
   }
+  // A control character in an address is noise, not the blank it is in a
+  // name: an address with a blank would neither read back nor deliver.
+  address.erase(
+      std::remove_if(address.begin(), address.end(),
+                     [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }),
+      address.end());
   return DecodeRaw(CleanControls(address), charset);
 }
 
@@ -542,7 +548,7 @@ void AddBareMailboxes(const std::vector<AddressToken>& tokens, const std::string
   if (found.empty()) {
     // A name with no address (a local part alone, a list's label).
     const std::string text = JoinPhrase(name, charset);
-    if (!text.empty()) list->push_back(text);
+    if (!text.empty()) list->push_back(DisplayText(text, ""));
     return;
   }
   // Words after the last address name it, or a comment when nothing else.

@@ -77,7 +77,7 @@ std::string RasterCoder(const std::string& head) {
       {0, "BM", "BMP"},
   };
   for (const auto& kind : kinds) {
-    if (head.compare(kind.at, kind.magic.size(), kind.magic) == 0 &&
+    if (head.size() >= kind.at && head.compare(kind.at, kind.magic.size(), kind.magic) == 0 &&
         (kind.at == 0 || head.compare(0, 4, "RIFF") == 0)) {
       return kind.coder;
     }

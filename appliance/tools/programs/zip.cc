@@ -250,16 +250,18 @@ class Collector {
   static std::string BaseName(const std::string& path) {
     std::string trimmed = path;
     while (trimmed.size() > 1 && trimmed.back() == '/') trimmed.pop_back();
-    return trimmed.substr(trimmed.rfind('/') + 1);
+    return trimmed.substr(trimmed.find_last_of("/\\") + 1);
   }
 
   // The path as an entry name: no leading "/", no "." or ".." steps, so that
-  // an unzip program never writes outside the folder it unpacks into.
+  // an unzip program never writes outside the folder it unpacks into. A
+  // backslash separates steps too: extractors on Windows read it so, and a
+  // file here may have one in its name ("..\\x").
   static std::string CleanName(const std::string& path) {
     std::string name;
     size_t start = 0;
     while (start <= path.size()) {
-      size_t end = path.find('/', start);
+      size_t end = path.find_first_of("/\\", start);
       if (end == std::string::npos) end = path.size();
       const std::string step = path.substr(start, end - start);
       if (!step.empty() && step != "." && step != "..") name += (name.empty() ? "" : "/") + step;
@@ -308,8 +310,14 @@ class Collector {
     }
   }
 
-  void Add(const std::string& path, const std::string& name, const struct stat& info) {
+  void Add(const std::string& path, const std::string& given, const struct stat& info) {
     if (archive_ && archive_->st_dev == info.st_dev && archive_->st_ino == info.st_ino) return;
+    const bool folder = !given.empty() && given.back() == '/';
+    const std::string name = CleanName(given) + (folder ? "/" : "");
+    if (name.empty() || name == "/") {
+      Warn("skipped " + path + ": its name is no name in an archive");
+      return;
+    }
     const auto [seen, added] = names_.emplace(name, path);
     if (!added) Fail("two entries would be named \"" + name + "\": " + seen->second + ", " + path);
     items_.push_back({path, name, info});
