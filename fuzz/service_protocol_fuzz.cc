@@ -41,6 +41,14 @@ namespace {
 std::unique_ptr<larkpost::service::TaskQueue> queue;
 int served = 0;
 
+// Fetching is off for every domain: a request to fetch reaches the
+// scheduler and fetches nothing.
+larkpost::service::FetchScheduler& Fetching() {
+  static larkpost::service::FetchScheduler scheduler(
+      [](const std::string&) { return larkpost::service::FetchPolicy{}; });
+  return scheduler;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -65,7 +73,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     sent += static_cast<size_t>(put);
   }
   shutdown(ends[0], SHUT_WR);
-  larkpost::service::Serve(*queue, ends[1]);
+  larkpost::service::Serve(*queue, Fetching(), ends[1]);
   close(ends[1]);
   // Whatever the service answered is a frame of a response.
   std::string answer;
