@@ -42,9 +42,7 @@ class FilterTaskTest : public ::testing::Test {
     ProcessResult import = root_.Ctl({"import", "ann", root_.path() + "/mail.mbox"});
     ASSERT_EQ(import.exit_code, 0) << import.err;
     server_ = std::make_unique<Server>(root_);
-    sid_ = Http(server_->url("/webapi/auth.cgi"), {{"account", "ann"}, {"passwd", "pw"}}, true)
-               .json["data"]["sid"]
-               .asString();
+    sid_ = root_.Login("ann", "pw")["sid"].asString();
     ASSERT_FALSE(sid_.empty());
     ASSERT_GT(ServicePid(), 0);
     Json::Value mailbox = Api("ZEVO.Larkpost.Mailbox", "create", {{"name", "Bob"}});

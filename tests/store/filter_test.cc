@@ -206,10 +206,6 @@ TEST_F(FilterTest, DeleteDiscardsTheMessageAndRedirectsAreHandedBack) {
   EXPECT_EQ(Snapshot(), before);
   EXPECT_EQ(Query("SELECT count(*) FROM message_fts WHERE message_fts MATCH 'spam'"), 0);
   EXPECT_TRUE(Inconsistencies().empty());
-
-  const store::Delivered kept = Deliver(Mail());
-  EXPECT_GT(kept.id, 0);
-  EXPECT_TRUE(kept.redirects.empty());
 }
 
 TEST_F(FilterTest, ARuleWhoseMailboxOrLabelWasDeletedIsSkippedWhole) {
