@@ -10,6 +10,7 @@
 #include <string>
 #include <thread>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 namespace larkpost::service {
@@ -81,12 +82,11 @@ class TaskQueueTest : public ::testing::Test {
       });
     }
   }
-  // Adds a job of `steps` steps for `uid`; its key in `*key`.
-  SteppedJob* Add(uint32_t uid, uint32_t steps, std::string* key) {
+  // Adds a job of `steps` steps for `uid`: its key ("" when refused) and job.
+  std::pair<std::string, SteppedJob*> Add(uint32_t uid, uint32_t steps) {
     auto job = std::make_unique<SteppedJob>(steps);
     SteppedJob* raw = job.get();
-    *key = queue_.Add(uid, std::move(job));
-    return raw;
+    return {queue_.Add(uid, std::move(job)), raw};
   }
   // Waits until the task reads `state`.
   bool Reaches(uint32_t uid, const std::string& key, TaskState state) {
@@ -104,11 +104,10 @@ class TaskQueueTest : public ::testing::Test {
 
 TEST_F(TaskQueueTest, OneTaskPerUserAtATimeAndABoundOverall) {
   StartWorkers(3);  // more workers than the limit: the limit still holds
-  std::string a1, a2, b1, c1;
-  SteppedJob* job_a1 = Add(1, 2, &a1);
-  SteppedJob* job_a2 = Add(1, 1, &a2);
-  SteppedJob* job_b1 = Add(2, 1, &b1);
-  Add(3, 1, &c1);
+  auto [a1, job_a1] = Add(1, 2);
+  auto [a2, job_a2] = Add(1, 1);
+  auto [b1, job_b1] = Add(2, 1);
+  const std::string c1 = Add(3, 1).first;
   ASSERT_TRUE(job_a1->WaitStarted());
   ASSERT_TRUE(job_b1->WaitStarted());
   // a2 waits for its user's task, c1 for the limit of two.
@@ -127,8 +126,7 @@ TEST_F(TaskQueueTest, OneTaskPerUserAtATimeAndABoundOverall) {
 // Another user's key reads unknown and cannot be cancelled, running or ended.
 TEST_F(TaskQueueTest, KeysBelongToTheirUser) {
   StartWorkers(1);
-  std::string key;
-  SteppedJob* job = Add(1, 1, &key);
+  auto [key, job] = Add(1, 1);
   ASSERT_TRUE(job->WaitStarted());
   EXPECT_EQ(queue_.Status(2, key).state, TaskState::kUnknown);
   EXPECT_FALSE(queue_.Cancel(2, key));
@@ -140,17 +138,15 @@ TEST_F(TaskQueueTest, KeysBelongToTheirUser) {
 
 TEST_F(TaskQueueTest, RefusesBeyondTheUsersWaitingLimitAndForgetsTheOldestEnded) {
   std::string keys[4];
-  for (std::string& key : keys) Add(1, 1, &key);
+  for (std::string& key : keys) key = Add(1, 1).first;
   EXPECT_NE(keys[1], "");
   EXPECT_EQ(keys[2], "");  // two waiting already (no worker runs them)
-  std::string other;
-  Add(2, 1, &other);
+  const std::string other = Add(2, 1).first;
   EXPECT_NE(other, "");
 
   // Ended tasks are remembered three at a time.
   for (const std::string& key : {keys[0], keys[1], other}) queue_.Cancel(key == other ? 2 : 1, key);
-  std::string last;
-  Add(1, 1, &last);
+  const std::string last = Add(1, 1).first;
   queue_.Cancel(1, last);
   EXPECT_EQ(queue_.Status(1, keys[0]).state, TaskState::kUnknown);
   EXPECT_EQ(queue_.Status(1, keys[1]).state, TaskState::kCancelled);
@@ -174,16 +170,13 @@ TEST(TaskQueueBoundTest, RefusesBeyondTheOverallWaitingLimit) {
 
 TEST_F(TaskQueueTest, StopCancelsRunningTasksAndRefusesNewOnes) {
   StartWorkers(1);
-  std::string key;
-  SteppedJob* job = Add(1, 100, &key);
+  auto [key, job] = Add(1, 100);
   ASSERT_TRUE(job->WaitStarted());
   queue_.Stop();
   for (std::thread& worker : workers_) worker.join();
   workers_.clear();
   EXPECT_EQ(queue_.Status(1, key).state, TaskState::kCancelled);
-  std::string refused;
-  Add(1, 1, &refused);
-  EXPECT_EQ(refused, "");
+  EXPECT_EQ(Add(1, 1).first, "");
 }
 
 }  // namespace
