@@ -21,10 +21,7 @@ class FilterIntegrationTest : public ::testing::Test {
                       "}}");
     root_.AddUser("ann", "secret");
     server_ = std::make_unique<Server>(root_);
-    HttpAnswer login = Http(server_->url("/webapi/auth.cgi"),
-                            {{"account", "ann"}, {"passwd", "secret"}}, /*post=*/true);
-    ASSERT_TRUE(login.json["success"].asBool()) << login.body;
-    sid_ = login.json["data"]["sid"].asString();
+    sid_ = root_.Login("ann", "secret")["sid"].asString();
     ASSERT_TRUE(Call("ZEVO.Larkpost.Info", "getinfo")["success"].asBool());
   }
 

@@ -1,22 +1,39 @@
-// "ZEVO.Larkpost.Filter" rules: the sets as the parser makes them reach the
-// core in their serialised form, a filter synchronisation after every change
-// that succeeded (and never after a read), and each failure's code and line.
+// "ZEVO.Larkpost.Filter": the sets as the parser makes them reach the core (and
+// the background service's tasks) in their serialised form, a filter
+// synchronisation after every change that succeeded (never after a read or a
+// task), the status words from the service's numbers, and each failure's code
+// and line.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
+#include "proto/task.pb.h"
 #include "tests/unit/handler_test_util.h"
 #include "webapi/api_table.h"
+#include "webapi/filter.h"
 
 namespace larkpost::test {
 namespace {
 
 namespace record = ornic::larkpost::record;
 namespace constant = ornic::larkpost::constant;
+namespace proto = ornic::larkpost::proto;
+using ornic::larkpost::webapi::FilterAPI;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+
+// The task methods as the entry functions run them.
+void AddTask(ZEVO::APIRequest* request, ZEVO::APIResponse* response) {
+  FilterAPI(request, response).AddTask_v1();
+}
+void GetStatus(ZEVO::APIRequest* request, ZEVO::APIResponse* response) {
+  FilterAPI(request, response).GetTaskStatus_v1();
+}
+void Cancel(ZEVO::APIRequest* request, ZEVO::APIResponse* response) {
+  FilterAPI(request, response).CancelTask_v1();
+}
 
 constexpr char kFromAnn[] = R"({"condition":[[2,"ann",false]],"match_any":false})";
 constexpr char kArchive[] = R"({"action":[[1,""]]})";
@@ -107,19 +124,14 @@ TEST_F(FilterTest, CreateStoresTheParsedSetsThenSyncsOnce) {
 }
 
 TEST_F(FilterTest, ApplyExistRunsTheStoredFilterOrFailsWithoutALine) {
-  const std::string rule = R"({"condition": [{"name": "from", "value": "ann"}],
-      "action": [{"name": "archive", "value": ""}], "apply_exist": true})";
+  // That it runs is shown through lighttpd; here what the service is sent,
+  // whose answer is not looked at, and the one sync.
   fake::core().filters = {Stored(100)};
-  EXPECT_EQ(AsSent(Run(FilterCreate_v1, J(rule))), J(R"({"success": true, "data": {"id": 100}})"));
-  EXPECT_THAT(fake::CallsStartingWith("rpc::"),
-              ElementsAre(std::string("rpc::ExecuteFilter 1026 ") + kFromAnn + " " + kArchive));
-  EXPECT_THAT(fake::CallsStartingWith("Syncer::"), ElementsAre("Syncer::TriggerSync 0"));
-
-  // The service's answer is not looked at.
-  fake::core().calls.clear();
   fake::core().failures["rpc::ExecuteFilter"] = 0;
   EXPECT_EQ(AsSent(Run(FilterSet_v1, J(R"({"id": 100, "apply_exist": true})"))),
             J(R"({"success": true})"));
+  EXPECT_THAT(fake::CallsStartingWith("rpc::"),
+              ElementsAre(std::string("rpc::ExecuteFilter 1026 ") + kFromAnn + " " + kArchive));
   EXPECT_THAT(fake::CallsStartingWith("Syncer::"), ElementsAre("Syncer::TriggerSync 0"));
 
   // No such filter, or one that is not valid: 117, nothing logged, the
@@ -167,6 +179,66 @@ TEST_F(FilterTest, SetOrderAndDeleteChangeOnlyWhatWasSentThenSync) {
                "set order failed", sync);
 }
 
+TEST_F(FilterTest, AddTaskSendsTheSerialisedSetsAndAnswersTheKey) {
+  const char* params = R"({"condition": [{"name": "from", "value": "bob", "not_operator": true}],
+                           "action": [{"name": "set_read", "value": "true"}]})";
+  EXPECT_EQ(AsSent(Run(AddTask, J(params))),
+            J(R"({"success": true, "data": {"task_key": "task-key-1"}})"));
+  EXPECT_THAT(fake::CallsStartingWith("rpc::"),
+              ElementsAre("rpc::ExecuteBatchTask 1026 "
+                          R"({"condition":[[2,"bob",true]],"match_any":false} )"
+                          R"({"action":[[2,"true"]]})"));
+  EXPECT_THAT(fake::CallsStartingWith("Syncer::"), IsEmpty());
+
+  // Every entry dropped by the parser: still queued, with empty sets.
+  fake::core().calls.clear();
+  Run(AddTask, J(R"({"condition": [{"name": "nonsense", "value": 1}],
+                     "action": [{"name": "nonsense", "value": 1}]})"));
+  EXPECT_THAT(fake::CallsStartingWith("rpc::"),
+              ElementsAre(R"(rpc::ExecuteBatchTask 1026 {"condition":[],"match_any":false} )"
+                          R"({"action":[]})"));
+
+  fake::core().failures["rpc::ExecuteBatchTask"] = 0;  // no service: no key
+  EXPECT_EQ(Run(AddTask, J(params)), ErrorAnswer(117));
+  EXPECT_THAT(Logged("filter"), ElementsAre("failed to get task key"));
+}
+
+TEST_F(FilterTest, StatusWordsComeFromTheServicesNumbers) {
+  struct Case {
+    int status;
+    const char* word;
+  } cases[] = {{1, "none"}, {2, "waiting"}, {3, "running"}, {4, "none"}, {5, "none"}};
+  for (const Case& c : cases) {
+    proto::Response response;
+    auto* answer = response.MutableExtension(proto::GetTaskStatusResponse::get_task_status);
+    answer->set_status(static_cast<proto::GetTaskStatusResponse::Status>(c.status));
+    answer->set_progress(40);
+    answer->set_total(100);
+    fake::core().task_status = response.SerializeAsString();
+    Json::Value want(Json::objectValue);
+    want["success"] = true;
+    want["data"]["status"] = c.word;
+    want["data"]["progress"] = 40;
+    want["data"]["total"] = 100;
+    EXPECT_EQ(AsSent(Run(GetStatus, J(R"({"task_key": "k1"})"))), want) << c.status;
+  }
+  EXPECT_THAT(fake::CallsStartingWith("rpc::"), ::testing::Each("rpc::GetTaskStatus 1026 k1"));
+
+  // An empty answer parses: no task.
+  fake::core().task_status = "";
+  EXPECT_EQ(AsSent(Data(Run(GetStatus, J(R"({"task_key": "k1"})")))),
+            J(R"({"status": "none", "progress": 0, "total": 0})"));
+  fake::core().task_status = "\xff\xff\xff";
+  EXPECT_EQ(Run(GetStatus, J(R"({"task_key": "k1"})")), ErrorAnswer(117));
+  EXPECT_THAT(Logged("filter"), ElementsAre("failed to parse response"));
+}
+
+TEST_F(FilterTest, CancelAnswersSuccessWhateverTheServiceSays) {
+  fake::core().failures["rpc::CancelTask"] = 0;
+  EXPECT_EQ(AsSent(Run(Cancel, J(R"({"task_key": "k2"})"))), J(R"({"success": true})"));
+  EXPECT_THAT(fake::CallsStartingWith("rpc::"), ElementsAre("rpc::CancelTask 1026 k2"));
+}
+
 TEST_F(FilterTest, RefusedParametersAreLoggedAndReachNoCore) {
   struct Case {
     ZEVO::APIHandler handler;
@@ -181,13 +253,25 @@ TEST_F(FilterTest, RefusedParametersAreLoggedAndReachNoCore) {
       {FilterDelete_v1, R"({"id": ["1"]})"},
       {FilterSetOrder_v1, R"({"id": null})"},
       {FilterSetOrder_v1, R"({"id": [-2]})"},
+      {AddTask, R"({"condition": [], "action": [{"name": "trash", "value": ""}]})"},
+      {AddTask, R"({"condition": [{"name": "from", "value": "a"}], "action": []})"},
+      {AddTask, R"({"action": [{"name": "trash", "value": ""}]})"},
+      {AddTask, R"({"condition": [{"name": "from", "value": "a"}]})"},
+      {AddTask, R"({"condition": {"name": "from"}, "action": [{"name": "trash", "value": ""}]})"},
+      {GetStatus, R"({})"},
+      {GetStatus, R"({"task_key": ""})"},
+      {GetStatus, R"({"task_key": null})"},
+      {GetStatus, R"({"task_key": 5})"},
+      {Cancel, R"({"task_key": ""})"},
+      {Cancel, R"({})"},
   };
   for (const Case& c : cases) {
     fake::core().calls.clear();
     fake::ResetSystemLog();
     EXPECT_EQ(Run(c.handler, J(c.params)), ErrorAnswer(120)) << c.params;
     EXPECT_THAT(Logged("filter"), ElementsAre("parameter invalid")) << c.params;
-    EXPECT_THAT(fake::core().calls, ElementsAre("Controller 1026 sid-alice")) << c.params;
+    EXPECT_THAT(fake::core().calls, ::testing::Each(::testing::StartsWith("Controller ")))
+        << c.params;
   }
 }
 
