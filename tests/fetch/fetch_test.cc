@@ -239,15 +239,12 @@ TEST_F(FetchTest, TlsAsTheAccountAsksAndTheServerOffers) {
   starttls.Add("s", Message("starttls", clock_.now()));
   Pop3Server implicit(Pop3Server::Tls::kImplicit, kCert, kKey);
   implicit.Add("i", Message("implicit", clock_.now()));
-  Pop3Server plain;
-  plain.Add("p", Message("plain", clock_.now()));
 
   EXPECT_EQ(Fetch(AddAccount(starttls.port())).stored, 1);
   EXPECT_EQ(Fetch(AddAccount(implicit.port(), {true, false, "", 0})).stored, 1);
-  EXPECT_EQ(Fetch(AddAccount(plain.port())).stored, 1);
   EXPECT_EQ(starttls.tls_sessions(), 1);
   EXPECT_EQ(implicit.tls_sessions(), 1);
-  EXPECT_EQ(Subjects(), (Texts{"starttls", "implicit", "plain"}));
+  EXPECT_EQ(Subjects(), (Texts{"starttls", "implicit"}));
   // The login went over TLS only after STLS.
   const Texts commands = starttls.commands();
   ASSERT_GE(commands.size(), 3u);

