@@ -182,9 +182,6 @@ TEST_F(FetchTest, PassDaysLimitTheFirstFetchOnly) {
 }
 
 TEST_F(FetchTest, FailuresStoreNothingAndAreKept) {
-  Pop3Server refusing;
-  refusing.Add("x", Message("x", clock_.now()));
-  refusing.RefuseLogin();
   Pop3Server wrong_password;
   wrong_password.Add("y", Message("y", clock_.now()));
   Pop3Server stopping;
@@ -204,8 +201,9 @@ TEST_F(FetchTest, FailuresStoreNothingAndAreKept) {
     std::string error_part;
     bool stop = false;  // the service is stopping
   } cases[] = {
-      {"login refused", refusing.port(), "secret", kCert, "-ERR [AUTH] Authentication failed"},
-      {"wrong password", wrong_password.port(), "guess", kCert, "-ERR [AUTH]"},
+      // A login the server refuses outright: pop3_fetch_test, through larkpostctl.
+      {"wrong password", wrong_password.port(), "guess", kCert,
+       "-ERR [AUTH] Authentication failed"},
       {"certificate not trusted", untrusted.port(), "secret", "/dev/null", "127.0.0.1:"},
       {"nobody listening", closed_port, "secret", kCert, "127.0.0.1:"},
       {"service stopping", stopping.port(), "secret", kCert, "aborted", true},
@@ -231,7 +229,7 @@ TEST_F(FetchTest, FailuresStoreNothingAndAreKept) {
   }
   EXPECT_EQ(Query("SELECT count(*) FROM message"), 0);
   EXPECT_EQ(Query("SELECT count(*) FROM pop3_uidl"), 0);
-  EXPECT_EQ(refusing.uidls(), Texts{"x"});
+  EXPECT_EQ(wrong_password.uidls(), Texts{"y"});
   EXPECT_EQ(stopping.uidls(), Texts{"s"});
   EXPECT_EQ(untrusted.tls_sessions(), 0);
 }
@@ -241,15 +239,12 @@ TEST_F(FetchTest, TlsAsTheAccountAsksAndTheServerOffers) {
   starttls.Add("s", Message("starttls", clock_.now()));
   Pop3Server implicit(Pop3Server::Tls::kImplicit, kCert, kKey);
   implicit.Add("i", Message("implicit", clock_.now()));
-  Pop3Server plain;
-  plain.Add("p", Message("plain", clock_.now()));
 
   EXPECT_EQ(Fetch(AddAccount(starttls.port())).stored, 1);
   EXPECT_EQ(Fetch(AddAccount(implicit.port(), {true, false, "", 0})).stored, 1);
-  EXPECT_EQ(Fetch(AddAccount(plain.port())).stored, 1);
   EXPECT_EQ(starttls.tls_sessions(), 1);
   EXPECT_EQ(implicit.tls_sessions(), 1);
-  EXPECT_EQ(Subjects(), (Texts{"starttls", "implicit", "plain"}));
+  EXPECT_EQ(Subjects(), (Texts{"starttls", "implicit"}));
   // The login went over TLS only after STLS.
   const Texts commands = starttls.commands();
   ASSERT_GE(commands.size(), 3u);

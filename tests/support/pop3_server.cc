@@ -163,12 +163,6 @@ Pop3Server::~Pop3Server() {
   if (context_ != nullptr) SSL_CTX_free(context_);
 }
 
-void Pop3Server::SetLogin(const std::string& user, const std::string& password) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  user_ = user;
-  password_ = password;
-}
-
 void Pop3Server::Add(const std::string& uidl, const std::string& message) {
   std::lock_guard<std::mutex> lock(mutex_);
   maildrop_.push_back({uidl, WithCrlf(message)});
@@ -286,8 +280,6 @@ void Pop3Server::Converse(int fd) {
     } else if (verb == "CAPA") {
       ok = line.Reply("+OK capability list follows") && line.Reply("USER") && line.Reply("UIDL") &&
            (tls_ != Tls::kStartTls || secure || line.Reply("STLS")) && line.Reply(".");
-    } else if (verb == "NOOP") {
-      ok = line.Reply("+OK");
     } else if (!logged_in) {
       if (verb == "STLS" && tls_ == Tls::kStartTls && !secure) {
         if (!line.Reply("+OK begin TLS negotiation") || !line.Secure(context_)) return;
@@ -323,16 +315,11 @@ void Pop3Server::Converse(int fd) {
         return std::to_string(i + 1) + " " +
                (verb == "LIST" ? std::to_string(view[i].message.size()) : view[i].uidl);
       };
-      if (!argument.empty()) {
-        int index = message_index(argument);
-        ok = line.Reply(index < 0 ? "-ERR no such message" : "+OK " + item(index));
-      } else {
-        std::string listing = "+OK\r\n";
-        for (size_t i = 0; i < view.size(); ++i) {
-          if (!deleted[i]) listing += item(i) + "\r\n";
-        }
-        ok = line.Write(listing + ".\r\n");
+      std::string listing = "+OK\r\n";  // the whole maildrop: no one asks for one message
+      for (size_t i = 0; i < view.size(); ++i) {
+        if (!deleted[i]) listing += item(i) + "\r\n";
       }
+      ok = line.Write(listing + ".\r\n");
     } else if (verb == "RETR") {
       int index = message_index(argument);
       if (index < 0) {
@@ -360,9 +347,6 @@ void Pop3Server::Converse(int fd) {
       int index = message_index(argument);
       if (index >= 0) deleted[index] = true;
       ok = line.Reply(index < 0 ? "-ERR no such message" : "+OK marked");
-    } else if (verb == "RSET") {
-      deleted.assign(view.size(), false);
-      ok = line.Reply("+OK");
     } else {
       ok = line.Reply("-ERR unknown command");
     }

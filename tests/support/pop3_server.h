@@ -1,6 +1,6 @@
 // A small POP3 server on loopback for tests: one connection at a time, in a
-// thread of its own, speaking USER/PASS, STAT, UIDL, LIST, RETR, DELE, NOOP,
-// RSET, CAPA, QUIT and STLS (RFC 1939, 2449, 2595). It holds one maildrop;
+// thread of its own, speaking USER/PASS, STAT, UIDL, LIST, RETR, DELE,
+// CAPA, QUIT and STLS (RFC 1939, 2449, 2595). It holds one maildrop;
 // messages marked with DELE go when the session ends with QUIT, as a real
 // server does, and stay when the connection is cut. How it behaves can be
 // changed between sessions: refuse every login, or cut the connection in the
@@ -38,8 +38,6 @@ class Pop3Server {
 
   uint16_t port() const { return port_; }
 
-  // The only login accepted (default "user" / "secret").
-  void SetLogin(const std::string& user, const std::string& password);
   // Adds a message (LF or CRLF line ends) to the maildrop under `uidl`.
   void Add(const std::string& uidl, const std::string& message);
   // Every PASS is answered "-ERR [AUTH] Authentication failed".
@@ -74,7 +72,8 @@ class Pop3Server {
   int wake_[2] = {-1, -1};  // a pipe whose read end wakes the thread to stop
   uint16_t port_ = 0;
   mutable std::mutex mutex_;
-  std::string user_ = "user", password_ = "secret";
+  // The only login accepted.
+  const std::string user_ = "user", password_ = "secret";
   bool refuse_login_ = false;
   int drop_after_ = -1;
   std::vector<Stored> maildrop_;
