@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Load through lighttpd: CLIENTS concurrent clients for SECONDS on 20 users
+# Load through lighttpd: CLIENTS concurrent clients for SECONDS on USERS users
 # (thread lists, searches, reads, read/star/move/label changes, drafts
 # written, changed and sent to a loopback relay, uploads and downloads) while
 # RATE messages a second are delivered, imports, POP3 fetches (from a loopback
@@ -12,7 +12,7 @@
 # for a moment (a file size limit, as the fault tests do) during a delivery,
 # an import, an upload, a send, a task and a fetch.
 #
-#   bench/load.sh [--faults] [CLIENTS] [SECONDS] [RATE]   (16, 60, 50)
+#   bench/load.sh [--faults] [CLIENTS] [SECONDS] [RATE] [USERS]   (16, 60, 50, 20)
 #
 # With LARKPOST_BIN set (the tests do), the programs there are used as they
 # are; otherwise a release build under build/bench.
@@ -23,7 +23,7 @@ if [ "${1:-}" = --faults ]; then faults=--faults; shift; fi
 clients="${1:-16}"
 seconds="${2:-60}"
 rate="${3:-50}"
-users=20
+users="${4:-20}"
 
 if [ -n "${LARKPOST_BIN:-}" ]; then
   bin="$LARKPOST_BIN"
