@@ -275,11 +275,17 @@ void SendRedirects(const NewMessage& message, const std::vector<std::string>& ad
 
 }  // namespace
 
-Delivered Deliver(control::Controller& controller, const NewMessage& message) {
+Delivered Deliver(control::Controller& controller, const NewMessage& message,
+                  const std::function<void()>& with_message) {
+  // Kept: the caller's record goes into the same transaction.
+  const auto kept = [&] {
+    if (with_message) with_message();
+    return true;
+  };
   Database& db = controller.impl().db();
   const AnswerRules rules = LoadAnswerRules(db);
   if (!rules.forward_enable && !rules.reply_enable) {
-    Delivered delivered = DeliverMessage(controller, message);
+    Delivered delivered = DeliverMessage(controller, message, [&](bool) { return kept(); });
     SendRedirects(message, delivered.redirects);
     return delivered;
   }
@@ -295,16 +301,18 @@ Delivered Deliver(control::Controller& controller, const NewMessage& message) {
     // fails, so the first attempt keeps nothing unless a rule deleted it.
     delivered = DeliverMessage(controller, message, [&](bool rule_deleted) {
       deleted = rule_deleted;
-      return rule_deleted;
+      return rule_deleted && kept();
     });
     if (!deleted) {
       delivered.forwarded = Forward(message, arrival, rules, user_address);
-      if (!delivered.forwarded) delivered = DeliverMessage(controller, message);
+      if (!delivered.forwarded) {
+        delivered = DeliverMessage(controller, message, [&](bool) { return kept(); });
+      }
     }
   } else {
     delivered = DeliverMessage(controller, message, [&](bool rule_deleted) {
       deleted = rule_deleted;
-      return true;
+      return kept();
     });
     if (forward && !deleted) delivered.forwarded = Forward(message, arrival, rules, user_address);
   }

@@ -53,7 +53,12 @@ Delivered DeliverMessage(control::Controller& controller, const NewMessage& mess
 // The vacation reply (see VacationRecipient) goes to a sender once in
 // kVacationInterval, remembered in the store only once the relay took it.
 // Neither a failed forward nor a failed reply fails the delivery.
-Delivered Deliver(control::Controller& controller, const NewMessage& message);
+//
+// `with_message`, when given, runs in the transaction that stores the
+// message (or finds that a rule deleted it): what the caller records there
+// (a fetched message's UIDL) commits with the message or not at all.
+Delivered Deliver(control::Controller& controller, const NewMessage& message,
+                  const std::function<void()>& with_message = nullptr);
 
 // The rules as stored (defaults for a store that has none yet).
 AnswerRules LoadAnswerRules(Database& db);
