@@ -670,30 +670,30 @@ int main(int argc, char** argv) {
         Parse(http.Post("/auth.cgi", "", {{"account", user.name}, {"passwd", "pw"}}).body)["data"];
     user.sid = data["sid"].asString();
     user.token = data["token"].asString();
+    return !user.sid.empty();
   };
   User admin;
   admin.name = "admin";
   login(admin);
   Api(http, admin, "ZEVO.Larkpost.AdminSetting.POP3", "set",
       {{"enable_pop3", "true"}, {"pop3_fetch_period", "60"}});
+  // The sessions one after the other: logins in flight from one address
+  // count against its limit until they succeed.
   g_users = std::vector<User>(static_cast<size_t>(g.users));
-  // Each user's session, label and POP3 account, users side by side.
+  for (int i = 0; i < g.users; ++i) {
+    User& user = g_users[static_cast<size_t>(i)];
+    user.name = "user" + std::to_string(i + 1);
+    if (!login(user)) {
+      Note("cannot log in as " + user.name);
+      return 1;
+    }
+  }
+  // Each user's label and POP3 account, users side by side.
   std::atomic<bool> ready{true};
   std::vector<std::thread> setup;
-  for (int i = 0; i < g.users; ++i) {
-    setup.emplace_back([&, i] {
+  for (User& user : g_users) {
+    setup.emplace_back([&] {
       Http http;
-      User& user = g_users[static_cast<size_t>(i)];
-      user.name = "user" + std::to_string(i + 1);
-      const Json::Value data = Parse(
-          http.Post("/auth.cgi", "", {{"account", user.name}, {"passwd", "pw"}}).body)["data"];
-      user.sid = data["sid"].asString();
-      user.token = data["token"].asString();
-      if (user.sid.empty()) {
-        Note("cannot log in as " + user.name);
-        ready = false;
-        return;
-      }
       Api(http, user, "ZEVO.Larkpost.Info", "getinfo", {});  // makes the store
       Answer label =
           Api(http, user, "ZEVO.Larkpost.Label", "create",
