@@ -165,7 +165,7 @@ struct User {
   std::string name, sid, token;
   int label = 0;
   std::mutex mutex;
-  std::vector<int> messages;                     // seen in lists
+  std::vector<int> messages, threads;            // seen in lists
   std::vector<std::pair<int, int>> attachments;  // message id, attachment id
 };
 std::vector<User> g_users;
@@ -316,7 +316,7 @@ void Deliveries() {
   std::atomic<long> next{0};
   const auto start = Clock::now();
   std::vector<std::thread> workers;
-  for (int w = 0; w < 8; ++w) {
+  for (int w = 0; w < 16; ++w) {
     workers.emplace_back([&, w] {
       std::mt19937 random(1000 + w);
       while (g_running) {
@@ -338,6 +338,7 @@ int Pick(std::mt19937& random, const std::vector<int>& from) {
 void Remember(User& user, const Json::Value& threads) {
   std::lock_guard<std::mutex> lock(user.mutex);
   for (const Json::Value& thread : threads) {
+    if (user.threads.size() < 500) user.threads.push_back(thread["id"].asInt());
     for (const Json::Value& message : thread["message"]) {
       if (user.messages.size() < 500) user.messages.push_back(message["id"].asInt());
     }
@@ -351,11 +352,12 @@ void Client(int number) {
   const char* const words[] = {"figures", "steady", "report", "quarterly", "week"};
   while (g_running) {
     User& user = g_users[random() % g_users.size()];
-    std::vector<int> messages;
+    std::vector<int> messages, threads;
     std::vector<std::pair<int, int>> attachments;
     {
       std::lock_guard<std::mutex> lock(user.mutex);
       messages = user.messages;
+      threads = user.threads;
       attachments = user.attachments;
     }
     const int dice = static_cast<int>(random() % 100);
@@ -402,7 +404,8 @@ void Client(int number) {
           break;
         default:
           Api(http, user, "ZEVO.Larkpost.Thread", "add_label",
-              {{"id", message}, {"label_id", "[" + std::to_string(user.label) + "]"}});
+              {{"id", "[" + std::to_string(Pick(random, threads)) + "]"},
+               {"label_id", "[" + std::to_string(user.label) + "]"}});
       }
     } else if (dice < 84) {
       // A draft, written, changed and (mostly) sent; sometimes with an upload.
