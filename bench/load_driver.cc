@@ -150,7 +150,7 @@ class Http {
       }
     }
     if (!stat.empty()) g_stats.Add(stat, answer.outcome, ms);
-    if (answer.outcome != kOk && !g.faults) {
+    if (answer.outcome == kBroken || (answer.outcome == kError && !g.faults)) {
       Note(stat + ": failed (curl " + std::to_string(code) + ", HTTP " + std::to_string(status) +
            "): " + body.substr(0, 200));
     }
