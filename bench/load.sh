@@ -43,6 +43,8 @@ cleanup() {
   if [ -n "$server" ]; then kill -INT "$server" 2>/dev/null || true; fi
   if [ -n "${sink_fd:-}" ]; then exec {sink_fd}>&-; fi
   if [ -n "${pop3_fd:-}" ]; then exec {pop3_fd}>&-; fi
+  # Should a process of the server outlive it with their pipes, they end here.
+  for pid in ${sink_pid:-} ${pop3_pid:-}; do kill "$pid" 2>/dev/null || true; done
   wait 2>/dev/null || true
   rm -rf "$work"
 }
@@ -64,7 +66,9 @@ fi
 # The relay and the POP3 server serve while their standard input (a pipe
 # this script holds) is open; each prints its port first.
 exec {sink_fd}> >(exec "$bin/relay_sink" >"$work/sink.port" 2>/dev/null)
-exec {pop3_fd}> >(exec "$bin/pop3_bench_server" "$pop3_count" 4096 >"$work/pop3.port")
+sink_pid=$!
+exec {pop3_fd}> >(exec "$bin/pop3_bench_server" "$pop3_count" 4096 >"$work/pop3.port" 2>/dev/null)
+pop3_pid=$!
 until [ -s "$work/sink.port" ] && [ -s "$work/pop3.port" ]; do sleep 0.05; done
 read -r sink_port <"$work/sink.port"
 read -r pop3_port <"$work/pop3.port"
@@ -73,8 +77,8 @@ printf '{"mail_server": {"smtp_enabled": "yes"}, "relay": {"host": "127.0.0.1", 
 
 # A write past the file size limit fails instead of killing the writer (the
 # disposition passes to every process the server starts).
-(trap '' XFSZ; exec "$bin/larkpostctl" --root "$root" serve --listen "127.0.0.1:$port") \
-  >"$work/serve.log" 2>&1 &
+(trap '' XFSZ; exec "$bin/larkpostctl" --root "$root" serve --listen "127.0.0.1:$port" \
+  {sink_fd}>&- {pop3_fd}>&-) >"$work/serve.log" 2>&1 &
 server=$!
 for _ in $(seq 300); do
   if curl -s -o /dev/null "http://127.0.0.1:$port/" && [ -S "$root/run/core.sock" ]; then break; fi
@@ -83,7 +87,7 @@ done
 
 status=0
 "$bin/load_driver" "$root" "$bin" "http://127.0.0.1:$port/webapi" "$server" "$pop3_port" \
-  "$pop3_count" "$users" "$clients" "$seconds" "$rate" $faults || status=1
+  "$pop3_count" "$users" "$clients" "$seconds" "$rate" $faults {sink_fd}>&- {pop3_fd}>&- || status=1
 
 kill -INT "$server"
 wait "$server" 2>/dev/null || true
