@@ -1,8 +1,10 @@
 #include <dirent.h>
 #include <fcntl.h>
+#include <ftw.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -32,35 +34,86 @@ constexpr int64_t kTempAttachmentLifetime = 7 * 24 * 3600;
 // What the webmail names its copies in the upload folder.
 constexpr char kUploadPrefix[] = "attachment_";
 
-// The copies in the user's upload folder that no upload refers to and that
-// nobody has touched within the grace period: never an upload in flight.
-void AddStrayCopies(Database& db, uint32_t uid, std::vector<std::string>& files) {
-  const std::string folder = ::larkpost::appliance::UserDir(uid) + store::kUploadFolder;
+// What "download_all" packs in and sends: a folder "<pid>_<time>" and the
+// archive beside it. A request killed while packing leaves them behind.
+bool IsPackingLeftover(const std::string& name, const struct stat& info) {
+  std::string stem = name;
+  if (S_ISREG(info.st_mode) && stem.size() > 4 && stem.compare(stem.size() - 4, 4, ".zip") == 0) {
+    stem.resize(stem.size() - 4);
+  } else if (!S_ISDIR(info.st_mode)) {
+    return false;
+  }
+  const size_t underscore = stem.find('_');
+  return underscore != std::string::npos && underscore > 0 && underscore + 1 < stem.size() &&
+         stem.find_first_not_of("0123456789_") == std::string::npos &&
+         stem.find('_', underscore + 1) == std::string::npos;
+}
+
+bool IsUploadLeftover(const std::string& name, const struct stat& info) {
+  return (S_ISREG(info.st_mode) &&
+          name.compare(0, sizeof(kUploadPrefix) - 1, kUploadPrefix) == 0) ||
+         IsPackingLeftover(name, info);
+}
+
+bool IsPreview(const std::string&, const struct stat& info) { return S_ISREG(info.st_mode); }
+
+// The entries of one of the user's application folders that `leftover`
+// picks, that no record refers to (`referred_sql`: ?1 the full path, ?2 the
+// name) and that nobody has touched within the grace period: never an
+// upload, a preview or a download in flight (a request ends long before).
+// A sweep rather than a removal where records are deleted: a process killed
+// between its commit and the removal leaves nothing for good.
+void AddStrays(Database& db, const std::string& folder, const char* referred_sql,
+               bool (*leftover)(const std::string&, const struct stat&),
+               std::vector<std::string>& paths) {
   DIR* listing = opendir(folder.c_str());
   if (listing == nullptr) return;
-  // By name too: the names are random, and a path written another way must
-  // never cost a user an upload.
-  Statement known(db,
-                  "SELECT EXISTS (SELECT 1 FROM attachment_temp WHERE path = ?1 "
-                  "OR substr(path, -length(?2) - 1) = '/' || ?2)");
+  Statement known(db, referred_sql);
   const int64_t touched_before = store::Now() - store::kStrayCopyGrace;
   while (const dirent* entry = readdir(listing)) {
-    if (std::strncmp(entry->d_name, kUploadPrefix, sizeof(kUploadPrefix) - 1) != 0) continue;
+    const std::string name = entry->d_name;
     struct stat info;
-    if (fstatat(dirfd(listing), entry->d_name, &info, AT_SYMLINK_NOFOLLOW) != 0 ||
-        !S_ISREG(info.st_mode) || info.st_mtime >= touched_before) {
+    if (name == "." || name == ".." ||
+        fstatat(dirfd(listing), entry->d_name, &info, AT_SYMLINK_NOFOLLOW) != 0 ||
+        info.st_mtime >= touched_before || !leftover(name, info)) {
       continue;
     }
-    const std::string path = folder + "/" + entry->d_name;
+    const std::string path = folder + "/" + name;
     known.Reset();
-    known.Bind(1, path).Bind(2, std::string(entry->d_name));
-    if (known.Step() && known.Int(0) == 0) files.push_back(path);
+    known.Bind(1, path).Bind(2, name);
+    if (known.Step() && known.Int(0) == 0) paths.push_back(path);
   }
   closedir(listing);
 }
 
+// The stray copies and packing leftovers in the upload folder, and the
+// previews whose attachment has gone (a deleted message or draft).
+// By name too: the names are random, and a path written another way must
+// never cost a user an upload or a preview.
+void AddStrayCopies(Database& db, uint32_t uid, std::vector<std::string>& paths) {
+  const std::string dir = ::larkpost::appliance::UserDir(uid);
+  AddStrays(db, dir + store::kUploadFolder,
+            "SELECT EXISTS (SELECT 1 FROM attachment_temp WHERE path = ?1 "
+            "OR substr(path, -length(?2) - 1) = '/' || ?2)",
+            IsUploadLeftover, paths);
+  AddStrays(db, dir + store::kPreviewFolder,
+            "SELECT EXISTS (SELECT 1 FROM attachment WHERE preview_path = ?1 "
+            "OR substr(preview_path, -length(?2) - 1) = '/' || ?2)",
+            IsPreview, paths);
+}
+
+int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) {
+  remove(path);
+  return 0;
+}
+
+// Removes what the sweep found; a packing folder with what it holds.
+void RemoveAll(const std::vector<std::string>& paths) {
+  for (const std::string& path : paths) nftw(path.c_str(), RemoveEntry, 4, FTW_DEPTH | FTW_PHYS);
+}
+
 // Deletes the records of abandoned uploads; returns their files and the
-// stray copies beside them, which go once the change is committed.
+// leftovers beside them, which go once the change is committed.
 std::vector<std::string> DropAbandonedUploads(Database& db, uint32_t uid) {
   std::vector<std::string> files;
   Statement drop(db, "DELETE FROM attachment_temp WHERE created < ?1 RETURNING path");
@@ -102,7 +155,7 @@ int AttachmentControl::AddAttachmentTemp(const AttachmentConfig& config, std::st
     int id = static_cast<int>(db.LastInsertRowid());
     const std::vector<std::string> abandoned = DropAbandonedUploads(db, controller_.uid());
     transaction.Commit();
-    for (const std::string& file : abandoned) unlink(file.c_str());
+    RemoveAll(abandoned);
     content_id = id_text;
     return id;
   });
@@ -170,7 +223,11 @@ bool AttachmentControl::SetPreviewPath(int id, const std::string& path) {
     update.Bind(1, id).Bind(2, path);
     update.Run();
     if (db.Changes() == 0) return false;
+    // Making previews is when they pile up: the sweep runs here too.
+    std::vector<std::string> strays;
+    AddStrayCopies(db, controller_.uid(), strays);
     transaction.Commit();
+    RemoveAll(strays);
     return true;
   });
 }

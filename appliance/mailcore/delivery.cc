@@ -111,21 +111,19 @@ void Store(Database& db, int id, const Outcome& outcome, const NewMessage& messa
 }  // namespace
 
 Delivered DeliverMessage(control::Controller& controller, const NewMessage& message,
-                         const std::function<bool(bool deleted)>& keep,
-                         const AlsoInTransaction& also) {
+                         const std::function<bool(bool deleted)>& keep) {
   Delivered delivered;
   bool discarded = false;
   // Thrown through the store's transaction so that it rolls back.
   struct NotKept {};
-  auto decide = [&](Database& db) {
+  auto decide = [&] {
     if (keep && !keep(discarded)) throw NotKept{};
-    if (also) also(db);
   };
   int id = 0;
   try {
     id = InsertMessageThen(controller, message, [&](Database& db, int stored) {
       const std::vector<record::Filter> filters = LoadFilters(db);
-      if (filters.empty()) return decide(db);
+      if (filters.empty()) return decide();
       std::vector<const record::ConditionSet*> sets;
       for (const record::Filter& filter : filters) sets.push_back(&filter.condition);
       const std::vector<bool> meets = MessageMeets(db, stored, sets);
@@ -147,13 +145,12 @@ Delivered DeliverMessage(control::Controller& controller, const NewMessage& mess
       }
       Store(db, stored, outcome, message);
       discarded = outcome.discard;
-      decide(db);
+      decide();
     });
   } catch (const NotKept&) {
     return delivered;
   }
   delivered.id = discarded ? 0 : id;
-  delivered.also_ran = also != nullptr;
   return delivered;
 }
 
@@ -279,11 +276,16 @@ void SendRedirects(const NewMessage& message, const std::vector<std::string>& ad
 }  // namespace
 
 Delivered Deliver(control::Controller& controller, const NewMessage& message,
-                  const AlsoInTransaction& also) {
+                  const std::function<void()>& with_message) {
+  // Kept: the caller's record goes into the same transaction.
+  const auto kept = [&] {
+    if (with_message) with_message();
+    return true;
+  };
   Database& db = controller.impl().db();
   const AnswerRules rules = LoadAnswerRules(db);
   if (!rules.forward_enable && !rules.reply_enable) {
-    Delivered delivered = DeliverMessage(controller, message, nullptr, also);
+    Delivered delivered = DeliverMessage(controller, message, [&](bool) { return kept(); });
     SendRedirects(message, delivered.redirects);
     return delivered;
   }
@@ -297,25 +299,21 @@ Delivered Deliver(control::Controller& controller, const NewMessage& message,
   if (forward && !rules.keep_copy) {
     // The rules decide first; the message is stored only if the forward
     // fails, so the first attempt keeps nothing unless a rule deleted it.
-    delivered = DeliverMessage(
-        controller, message,
-        [&](bool rule_deleted) {
-          deleted = rule_deleted;
-          return rule_deleted;
-        },
-        also);
+    delivered = DeliverMessage(controller, message, [&](bool rule_deleted) {
+      deleted = rule_deleted;
+      return rule_deleted && kept();
+    });
     if (!deleted) {
       delivered.forwarded = Forward(message, arrival, rules, user_address);
-      if (!delivered.forwarded) delivered = DeliverMessage(controller, message, nullptr, also);
+      if (!delivered.forwarded) {
+        delivered = DeliverMessage(controller, message, [&](bool) { return kept(); });
+      }
     }
   } else {
-    delivered = DeliverMessage(
-        controller, message,
-        [&](bool rule_deleted) {
-          deleted = rule_deleted;
-          return true;
-        },
-        also);
+    delivered = DeliverMessage(controller, message, [&](bool rule_deleted) {
+      deleted = rule_deleted;
+      return kept();
+    });
     if (forward && !deleted) delivered.forwarded = Forward(message, arrival, rules, user_address);
   }
   if (!deleted && rules.reply_enable)

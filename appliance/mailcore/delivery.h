@@ -21,15 +21,7 @@ struct Delivered {
   std::vector<std::string> redirects;
   bool forwarded = false;  // the forward went out
   bool replied = false;    // a vacation reply went out
-  // The caller's `also` ran in the transaction that stored the message (or
-  // recorded that a rule deleted it); false when nothing was committed (a
-  // forward without a copy that went out).
-  bool also_ran = false;
 };
-
-// What a caller records together with the new message, in its transaction
-// (a fetcher's memory of the message's UIDL): both are kept or neither.
-using AlsoInTransaction = std::function<void(Database& db)>;
 
 // Runs the user's filters, in the user's order, over `message`, and stores
 // it as they leave it. A rule matches when the message, as it arrived,
@@ -45,10 +37,8 @@ using AlsoInTransaction = std::function<void(Database& db)>;
 // With `keep`, it is asked, once the rules have decided and before anything
 // is committed, whether to store the message (its argument: whether a rule
 // deleted it); false leaves the store as it was and the result's id 0.
-// `also` runs last in the transaction that commits.
 Delivered DeliverMessage(control::Controller& controller, const NewMessage& message,
-                         const std::function<bool(bool deleted)>& keep = nullptr,
-                         const AlsoInTransaction& also = nullptr);
+                         const std::function<bool(bool deleted)>& keep = nullptr);
 
 // The one way new mail comes in (larkpostctl deliver, every fetched
 // message): DeliverMessage, then forwarding, then the vacation reply, then
@@ -62,10 +52,13 @@ Delivered DeliverMessage(control::Controller& controller, const NewMessage& mess
 //
 // The vacation reply (see VacationRecipient) goes to a sender once in
 // kVacationInterval, remembered in the store only once the relay took it.
-// Neither a failed forward nor a failed reply fails the delivery. `also`
-// runs in the transaction that stores the message (see Delivered::also_ran).
+// Neither a failed forward nor a failed reply fails the delivery.
+//
+// `with_message`, when given, runs in the transaction that stores the
+// message (or finds that a rule deleted it): what the caller records there
+// (a fetched message's UIDL) commits with the message or not at all.
 Delivered Deliver(control::Controller& controller, const NewMessage& message,
-                  const AlsoInTransaction& also = nullptr);
+                  const std::function<void()>& with_message = nullptr);
 
 // The rules as stored (defaults for a store that has none yet).
 AnswerRules LoadAnswerRules(Database& db);

@@ -1,8 +1,5 @@
 #include "appliance/system/sqlite.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <string>
 
 namespace larkpost::appliance::sqlite {
@@ -12,13 +9,20 @@ namespace {
 // (file format versions 2 at offsets 18 and 19). SQLite opens such a file in
 // that mode by itself; asking for the mode again would make it parse the
 // whole schema, which a request that only reads the header does not need.
-bool HeaderSaysWal(const std::string& path) {
-  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
+//
+// Read through SQLite's own descriptor: closing a descriptor of our own on
+// the file would drop every lock this process holds on it (POSIX locks
+// belong to the process), those of its other connections included, and
+// another process could then reset the log under them.
+bool HeaderSaysWal(sqlite3* db) {
+  sqlite3_file* file = nullptr;
+  if (sqlite3_file_control(db, "main", SQLITE_FCNTL_FILE_POINTER, &file) != SQLITE_OK ||
+      file == nullptr || file->pMethods == nullptr) {
+    return false;
+  }
   unsigned char versions[2] = {0, 0};
-  const bool read = pread(fd, versions, sizeof(versions), 18) == sizeof(versions);
-  close(fd);
-  return read && versions[0] == 2 && versions[1] == 2;
+  return file->pMethods->xRead(file, versions, sizeof(versions), 18) == SQLITE_OK &&
+         versions[0] == 2 && versions[1] == 2;
 }
 
 }  // namespace
@@ -45,7 +49,7 @@ Database::Database(const std::string& path, const OpenOptions& options) : path_(
     // database at all. Switching to write-ahead logging reads the file
     // header, so it is that read when there is a switch to make; otherwise
     // the schema version is (it reads the header and nothing more).
-    if (options.wal && !options.read_only && !HeaderSaysWal(path)) {
+    if (options.wal && !options.read_only && !HeaderSaysWal(db_)) {
       Statement mode(*this, "PRAGMA journal_mode=WAL");
       if (!mode.Step() || mode.Text(0) != "wal") {
         throw Error(SQLITE_ERROR, path + ": cannot switch to write-ahead logging");

@@ -117,6 +117,23 @@ TEST_F(FetchTest, NoMessageIsFetchedTwice) {
   EXPECT_EQ(Fetch(account).stored, 3);
 }
 
+// A message and the UIDL that says it was taken commit together: when the
+// UIDL cannot be written (a full disk, a killed process), the message is not
+// kept either, and the next fetch stores it once.
+TEST_F(FetchTest, AMessageAndItsUidlCommitTogether) {
+  Pop3Server server;
+  server.Add("u1", Message("one", clock_.now()));
+  const int account = AddAccount(server.port());
+  db().Exec(
+      "CREATE TRIGGER no_uidl BEFORE INSERT ON pop3_uidl BEGIN SELECT RAISE(ABORT, 'full'); END");
+  EXPECT_NE(Fetch(account).error, "");
+  EXPECT_EQ(Subjects(), Texts{});
+  db().Exec("DROP TRIGGER no_uidl");
+  EXPECT_EQ(Fetch(account).stored, 1);
+  EXPECT_EQ(Fetch(account).stored, 0);
+  EXPECT_EQ(Subjects(), Texts{"one"});
+}
+
 TEST_F(FetchTest, DeletesOnTheServerOnlyWhatIsStored) {
   Pop3Server server;
   for (const char* uidl : {"a", "b", "c"}) server.Add(uidl, Message(uidl, clock_.now()));

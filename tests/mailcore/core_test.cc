@@ -1,5 +1,8 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
@@ -137,6 +140,34 @@ TEST_F(CoreTest, UpToDateStoreIsKeptWithoutTheWriteLockAndItsLogFilesStay) {
   }
   EXPECT_EQ(Query("PRAGMA user_version"), version);
   EXPECT_EQ(Query("SELECT count(*) FROM mailbox WHERE raw_path = 'Work'"), 1);
+}
+
+// A connection opened beside another in the same process leaves the other's
+// locks in place: without its lock on the file, another process closing the
+// store last would reset the log under it (a store damaged under load).
+TEST_F(CoreTest, OpeningTheStoreAgainKeepsTheLocksOfTheProcessOtherConnections) {
+  ASSERT_TRUE(DBSetupHandler(uid_).SetupDB());
+  sqlite::OpenOptions options;
+  options.wal = true;
+  sqlite::Database reader(store::StorePath(uid_), options);
+  reader.Exec("BEGIN");
+  reader.QueryInt("SELECT count(*) FROM mailbox");
+  sqlite::Database another(store::StorePath(uid_), options);
+  const pid_t child = fork();
+  if (child == 0) {
+    // Another process asks whether it could take the file for itself.
+    const int fd = open(store::StorePath(uid_).c_str(), O_RDWR);
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = 0x40000002;  // the range of SQLite's shared locks
+    lock.l_len = 510;
+    _exit(fd >= 0 && fcntl(fd, F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK ? 0 : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0) << "the reader's lock is gone";
+  reader.Exec("COMMIT");
 }
 
 TEST_F(CoreTest, SetupUpgradesAnOlderStoreAndAFailedStepLeavesNothing) {

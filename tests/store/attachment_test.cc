@@ -1,6 +1,8 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <libexif/exif-data.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 
 #include <cctype>
 #include <fstream>
@@ -10,6 +12,7 @@
 #include <tuple>
 #include <vector>
 
+#include "appliance/mailcore/store_records.h"
 #include "platform/mailcore/addressbook.h"
 #include "platform/mailcore/util.h"
 #include "tests/store/store_fixture.h"
@@ -71,6 +74,46 @@ TEST_F(AttachmentTest, UploadsNoDraftTookAreDroppedAfterAWeek) {
   EXPECT_FALSE(attachments_.GetTemp(old_id).IsValid());
   EXPECT_FALSE(std::ifstream(old_file).good()) << "its file went with it";
   EXPECT_TRUE(std::ifstream(attachments_.GetTemp(kept_id).path).good());
+}
+
+// What the webmail leaves in the user's folders once nothing refers to it
+// goes with the next upload, after the grace period: the preview of a
+// deleted message's attachment and what a killed "download_all" packed.
+TEST_F(AttachmentTest, LeftoversAreSweptAfterTheGracePeriod) {
+  Mail mail;
+  mail.attachments = {Part("a.png", "image/png", "", false, 10, "2")};
+  const int message = Add(mail);
+  const std::string dir = ::larkpost::appliance::UserDir(uid_);
+  const std::string preview = dir + "/.ORNIC/@image/1_1.jpg";
+  const std::string packing = dir + "/.ORNIC/@tmp/42_1700000000";
+  ::larkpost::appliance::MakeDirs(dir + "/.ORNIC/@image");
+  ::larkpost::appliance::MakeDirs(packing);
+  for (const std::string& path :
+       {preview, packing + "/a.png", packing + ".zip", dir + "/.ORNIC/@tmp/notes.txt"}) {
+    std::ofstream(path) << "x";
+  }
+  ASSERT_TRUE(
+      attachments_.SetPreviewPath(messages_.GetMessage(message).attachments.at(0).id, preview));
+  ASSERT_TRUE(messages_.SetMailbox({message}, store::kTrashId));
+  ASSERT_TRUE(messages_.SetMailbox({message}, store::kTrashId));
+  // Last touched `age` seconds before the store's clock.
+  const auto age = [&](int64_t seconds) {
+    for (const std::string& path : {preview, packing, packing + ".zip"}) {
+      const timespec times[2] = {{clock_.now() - seconds, 0}, {clock_.now() - seconds, 0}};
+      ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0) << path;
+    }
+  };
+  age(store::kStrayCopyGrace - 60);
+  Upload("b.txt", "bytes");
+  EXPECT_TRUE(std::ifstream(preview).good()) << "within the grace period";
+  EXPECT_TRUE(std::ifstream(packing + ".zip").good()) << "within the grace period";
+  age(store::kStrayCopyGrace + 1);
+  Upload("c.txt", "bytes");
+  struct stat info;
+  EXPECT_NE(stat(preview.c_str(), &info), 0);
+  EXPECT_NE(stat(packing.c_str(), &info), 0);
+  EXPECT_NE(stat((packing + ".zip").c_str(), &info), 0);
+  EXPECT_EQ(stat((dir + "/.ORNIC/@tmp/notes.txt").c_str(), &info), 0) << "not the webmail's";
 }
 
 TEST_F(AttachmentTest, TheConnectionIsReallyLetGo) {

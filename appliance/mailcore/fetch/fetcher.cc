@@ -123,16 +123,14 @@ std::string Fetch(control::Controller& controller, const store::Pop3Account& acc
       // Filters, forwarding and the vacation reply apply as to any new mail.
       // A message that a rule deleted or that was forwarded without a copy
       // is taken from the server all the same, but not counted as stored.
-      // The UIDL is remembered in the transaction that stores the message,
-      // so that a process killed in between neither loses it nor takes it
-      // twice. A forward without a copy stores nothing to go with it: then
-      // it is remembered on its own (killed just before, the message would
-      // be forwarded again, never lost).
-      const store::Delivered delivered =
-          store::Deliver(controller, message,
-                         [&](store::Database& in) { store::RememberUidl(in, account.id, uidl); });
-      if (delivered.id > 0) ++*stored;
-      if (!delivered.also_ran) Remember(db, account.id, uidl);
+      // The UIDL commits with the message: a process killed or a disk
+      // full between the two would otherwise fetch it a second time.
+      const auto remember = [&] { store::RememberUidl(db, account.id, uidl); };
+      if (store::Deliver(controller, message, remember).id > 0) ++*stored;
+      // A forward without a copy stores nothing to go with it: remembered
+      // on its own (should the process die just before, the message comes
+      // again, never lost).
+      Remember(db, account.id, uidl);
     } catch (const Error& error) {
       return "storing message " + uidl + " failed (error " + std::to_string(error.ErrorCode()) +
              "); it stays on the server";
