@@ -1,4 +1,5 @@
 #include "appliance/mailcore/fetch/pop3_client.h"
+#include "appliance/mailcore/curl_failure.h"
 
 #include <curl/curl.h>
 #include <errno.h>
@@ -27,26 +28,7 @@ int KeepRefusal(CURL*, curl_infotype type, char* data, size_t size, void* user) 
   return 0;
 }
 
-bool IsConnectFailure(CURLcode result) {
-  switch (result) {
-    case CURLE_UNSUPPORTED_PROTOCOL:
-    case CURLE_URL_MALFORMAT:
-    case CURLE_COULDNT_RESOLVE_HOST:
-    case CURLE_COULDNT_CONNECT:
-    case CURLE_SSL_CONNECT_ERROR:
-    case CURLE_USE_SSL_FAILED:
-    case CURLE_PEER_FAILED_VERIFICATION:
-    case CURLE_SSL_CERTPROBLEM:
-    case CURLE_SSL_CIPHER:
-    case CURLE_SSL_CACERT_BADFILE:
-    case CURLE_SSL_ISSUER_ERROR:
-    case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
-    case CURLE_SSL_INVALIDCERTSTATUS:
-      return true;
-    default:
-      return false;
-  }
-}
+bool IsConnectFailure(CURLcode result) { return store::IsUnreachable(result); }
 
 int CheckStop(void* stop, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
   return static_cast<const std::atomic<bool>*>(stop)->load() ? 1 : 0;

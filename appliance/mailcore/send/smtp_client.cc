@@ -11,6 +11,7 @@
 #include <string>
 
 #include "appliance/mailcore/controller_impl.h"
+#include "appliance/mailcore/curl_failure.h"
 #include "platform/mailcore/error.h"
 
 namespace ornic::larkpost::send {
@@ -69,25 +70,8 @@ std::string Url(const SmtpServer& server, CURL* curl) {
 }
 
 bool IsConnectFailure(CURLcode result) {
-  switch (result) {
-    case CURLE_UNSUPPORTED_PROTOCOL:
-    case CURLE_URL_MALFORMAT:
-    case CURLE_COULDNT_RESOLVE_HOST:
-    case CURLE_COULDNT_CONNECT:
-    case CURLE_SSL_CONNECT_ERROR:
-    case CURLE_USE_SSL_FAILED:
-    case CURLE_PEER_FAILED_VERIFICATION:
-    case CURLE_SSL_CERTPROBLEM:
-    case CURLE_SSL_CIPHER:
-    case CURLE_SSL_CACERT_BADFILE:
-    case CURLE_SSL_ISSUER_ERROR:
-    case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
-    case CURLE_SSL_INVALIDCERTSTATUS:
-    case CURLE_SSL_SHUTDOWN_FAILED:
-      return true;
-    default:
-      return false;
-  }
+  // Sending also reports a TLS shutdown that failed as a server not reached.
+  return store::IsUnreachable(result) || result == CURLE_SSL_SHUTDOWN_FAILED;
 }
 
 // Replies that mean "log in first" or "not with these credentials".
